@@ -37,7 +37,7 @@ std::shared_ptr<SystemSnapshot> MakeSnapshot(std::uint64_t generation) {
         s->logicalProcessors.push_back(cpu);
     }
     s->processes.reserve(kProcesses);
-    const std::uint32_t churnBase = static_cast<std::uint32_t>(generation % 50) * kChurnPerTick;
+    const std::uint32_t churnBase = 1 + static_cast<std::uint32_t>(generation % 50) * kChurnPerTick;
     for (std::uint32_t i = 0; i < kProcesses; ++i) {
         ProcessSnapshot p;
         const bool churned = i >= churnBase && i < churnBase + kChurnPerTick;
@@ -86,6 +86,29 @@ void BM_EngineTickPipeline(benchmark::State& state) {
     state.counters["processes"] = kProcesses;
 }
 BENCHMARK(BM_EngineTickPipeline)->Unit(benchmark::kMicrosecond);
+
+// The three parts of the pipeline on their own, on a warm snapshot.
+void BM_RepairSnapshot(benchmark::State& state) {
+    auto snapshot = MakeSnapshot(3);
+    for (auto _ : state) benchmark::DoNotOptimize(RepairSnapshot(*snapshot));
+}
+BENCHMARK(BM_RepairSnapshot)->Unit(benchmark::kMicrosecond);
+void BM_IsCoherent(benchmark::State& state) {
+    auto snapshot = MakeSnapshot(3);
+    for (auto _ : state) benchmark::DoNotOptimize(IsCoherent(*snapshot));
+}
+BENCHMARK(BM_IsCoherent)->Unit(benchmark::kMicrosecond);
+void BM_ExitedProcessUpdate(benchmark::State& state) {
+    ExitedProcessTracker tracker;
+    std::vector<std::shared_ptr<SystemSnapshot>> pool;
+    for (int i = 1; i <= 60; ++i) pool.push_back(MakeSnapshot(i));
+    std::size_t i = 0;
+    for (auto _ : state) {
+        tracker.Update(pool[i % pool.size()]);
+        ++i;
+    }
+}
+BENCHMARK(BM_ExitedProcessUpdate)->Unit(benchmark::kMicrosecond);
 
 // A source that hands out prepared snapshots, so that its own cost is a pointer move.
 class PreparedSource final : public ISnapshotSource {

@@ -5,17 +5,16 @@
 namespace korv::core {
 
 void ExitedProcessTracker::Update(const std::shared_ptr<SystemSnapshot>& snapshot) {
-    liveScratch_.clear();
-    liveScratch_.reserve(snapshot->processes.size());
-    for (const auto& process : snapshot->processes) liveScratch_.push_back(&process);
-    const auto byKey = [](const ProcessSnapshot* a, const ProcessSnapshot* b) { return a->key < b->key; };
-    if (!std::is_sorted(liveScratch_.begin(), liveScratch_.end(), byKey)) {
-        std::sort(liveScratch_.begin(), liveScratch_.end(), byKey);
+    // Keys are copied into contiguous sorted vectors: a merge walk over them touches far less memory
+    // than searching the process rows themselves.
+    currentKeys_.clear();
+    currentKeys_.reserve(snapshot->processes.size());
+    for (std::size_t i = 0; i < snapshot->processes.size(); ++i) {
+        currentKeys_.push_back({snapshot->processes[i].key, i});
     }
+    if (!std::is_sorted(currentKeys_.begin(), currentKeys_.end())) std::sort(currentKeys_.begin(), currentKeys_.end());
     const auto alive = [&](const ProcessKey& key) {
-        auto it = std::lower_bound(liveScratch_.begin(), liveScratch_.end(), key,
-                                   [](const ProcessSnapshot* p, const ProcessKey& k) { return p->key < k; });
-        return it != liveScratch_.end() && (*it)->key == key;
+        return std::binary_search(currentKeys_.begin(), currentKeys_.end(), IndexedKey{key, 0});
     };
 
     const std::uint64_t now = snapshot->monotonicNs;
@@ -24,9 +23,11 @@ void ExitedProcessTracker::Update(const std::shared_ptr<SystemSnapshot>& snapsho
     });
 
     if (previous_) {
-        for (const auto& process : previous_->processes) {
-            if (alive(process.key)) continue;
-            exited_.push_back(ExitedProcessRecord{process, now, snapshot->generation});
+        auto current = currentKeys_.begin();
+        for (const auto& before : previousKeys_) {
+            while (current != currentKeys_.end() && current->key < before.key) ++current;
+            if (current != currentKeys_.end() && current->key == before.key) continue;
+            exited_.push_back(ExitedProcessRecord{previous_->processes[before.index], now, snapshot->generation});
         }
     }
     if (exited_.size() > kCapacity) {
@@ -35,10 +36,12 @@ void ExitedProcessTracker::Update(const std::shared_ptr<SystemSnapshot>& snapsho
 
     snapshot->exitedProcesses = exited_;
     previous_ = snapshot;
+    previousKeys_.swap(currentKeys_);
 }
 
 void ExitedProcessTracker::Reset() {
     previous_.reset();
+    previousKeys_.clear();
     exited_.clear();
 }
 

@@ -23,9 +23,16 @@ public:
     void Reset();
 
 private:
+    struct IndexedKey {
+        ProcessKey key;
+        std::size_t index;
+        friend bool operator<(const IndexedKey& a, const IndexedKey& b) noexcept { return a.key < b.key; }
+    };
+
     std::shared_ptr<const SystemSnapshot> previous_;
+    std::vector<IndexedKey> previousKeys_;  // sorted keys of previous_->processes
+    std::vector<IndexedKey> currentKeys_;
     std::vector<ExitedProcessRecord> exited_;
-    std::vector<const ProcessSnapshot*> liveScratch_;
 };
 
 }  // namespace korv::core

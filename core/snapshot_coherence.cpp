@@ -63,6 +63,12 @@ template <typename Record, typename KeyOf>
 bool KeysUnique(const std::vector<Record>& records, KeyOf keyOf) {
     using Key = std::decay_t<decltype(keyOf(records.front()))>;
     if (records.size() < 2) return true;
+    // Providers usually deliver rows in key order: then one pass without a copy settles it.
+    bool strictlyIncreasing = true;
+    for (std::size_t i = 1; i < records.size() && strictlyIncreasing; ++i) {
+        strictlyIncreasing = keyOf(records[i - 1]) < keyOf(records[i]);
+    }
+    if (strictlyIncreasing) return true;
     std::vector<Key> keys;
     keys.reserve(records.size());
     for (const auto& record : records) keys.push_back(keyOf(record));
