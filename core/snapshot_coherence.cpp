@@ -226,6 +226,9 @@ bool IsCoherent(const SystemSnapshot& s) {
 
     for (const auto& exited : s.exitedProcesses) {
         if (Contains(live, exited.process.key) || exited.exitedAtNs > s.monotonicNs) return false;
+        CheckVisitor exitedVisitor{s.generation};
+        ForEachMetric(exited.process, exitedVisitor);
+        if (!exitedVisitor.ok) return false;
     }
     return true;
 }
