@@ -63,6 +63,16 @@ const TelemetryDevice* HardwareTelemetryFrame::FindDevice(std::string_view devic
     return nullptr;
 }
 
+void SetDeviceProperty(TelemetryDevice& device, std::string_view name, std::string value) {
+    for (auto& property : device.properties) {
+        if (property.first == name) {
+            property.second = std::move(value);
+            return;
+        }
+    }
+    device.properties.emplace_back(std::string(name), std::move(value));
+}
+
 bool IsValid(const HardwareTelemetryFrame& frame) {
     std::unordered_set<std::string_view> deviceIds;
     deviceIds.reserve(frame.devices.size());

@@ -75,6 +75,9 @@ struct HardwareTelemetryFrame {
     const TelemetryDevice* FindDevice(std::string_view deviceId) const noexcept;
 };
 
+// Replaces a named property, or appends it when the device has none of that name.
+void SetDeviceProperty(TelemetryDevice& device, std::string_view name, std::string value);
+
 // A frame is valid by itself when device ids are non-empty and unique, every metric names a listed
 // device, no device carries the same metric id twice, and each metric holds a value exactly when its
 // availability carries one (numbers finite, at most one of number and text).

@@ -1,0 +1,38 @@
+#pragma once
+
+#include "core/platform_interfaces.h"
+#include "core/snapshot.h"
+#include "providers/provider_context.h"
+
+#include <map>
+#include <memory>
+#include <string>
+
+namespace korv::core {
+struct ProcessDetails;
+}
+
+namespace korv::providers {
+
+using CapabilityTable = std::map<std::string, core::CapabilityRow>;
+
+// The one object that stands for the platform. The window owns it; it outlives the engine, which is
+// stopped before the services are destroyed. SnapshotSource() is driven by the engine's thread only;
+// the other operations may be called from the GUI thread or a worker.
+class PlatformServices {
+public:
+    virtual ~PlatformServices() = default;
+
+    virtual core::ISnapshotSource& SnapshotSource() = 0;
+    virtual core::IProcessResolver& ProcessResolver() = 0;
+    virtual core::IActionBackend& ActionBackend() = 0;
+    // The capability table of the latest Collect (the initial table before the first).
+    virtual CapabilityTable Capabilities() const = 0;
+    // Command line, environment and open descriptors; null when the key no longer matches.
+    virtual std::shared_ptr<core::ProcessDetails> ProcessDetails(const core::ProcessKey& key) = 0;
+};
+
+// The Linux provider, reading the machine below the given roots.
+std::unique_ptr<PlatformServices> CreatePlatformServices(ProviderRoots roots = {});
+
+}  // namespace korv::providers

@@ -1,0 +1,165 @@
+#include "core/sampling_engine.h"
+#include "core/snapshot_coherence.h"
+#include "core/telemetry_frame.h"
+#include "providers/platform_services.h"
+
+#include <gtest/gtest.h>
+
+#include <condition_variable>
+#include <filesystem>
+#include <fstream>
+#include <mutex>
+#include <unistd.h>
+
+namespace korv::providers {
+namespace {
+
+namespace fs = std::filesystem;
+using core::MetricAvailability;
+
+core::SampleRequest Request(std::uint64_t sequence, bool reset = false, std::stop_token stop = {}) {
+    core::SampleRequest request;
+    request.sequence = sequence;
+    request.intervalNs = 250'000'000;
+    request.elapsedNs = 250'000'000;
+    request.resetBaselines = reset;
+    request.stopState = std::move(stop);
+    return request;
+}
+
+std::vector<std::string> ProviderNames(const core::SystemSnapshot& s) {
+    std::vector<std::string> names;
+    for (const auto& row : s.providers) names.push_back(row.provider);
+    return names;
+}
+
+const core::ProcessSnapshot* FindPid(const core::SystemSnapshot& s, std::uint32_t pid) {
+    for (const auto& p : s.processes) {
+        if (p.key.pid == pid) return &p;
+    }
+    return nullptr;
+}
+
+TEST(LinuxPlatformServices, RealMachineSnapshotsNeedNoRepairAndCarryTheirRows) {
+    auto services = CreatePlatformServices();
+    auto& source = services->SnapshotSource();
+    auto first = source.Collect(Request(1, true));
+    ASSERT_NE(first, nullptr);
+    usleep(100'000);
+    auto second = source.Collect(Request(2));
+    ASSERT_NE(second, nullptr);
+
+    // What the provider publishes must already obey every rule the engine would otherwise repair.
+    for (const auto& snapshot : {first, second}) {
+        core::SystemSnapshot copy = *snapshot;
+        const core::RepairCounts repairs = core::RepairSnapshot(copy);
+        EXPECT_EQ(repairs.Sum(), 0u) << "clamped " << repairs.percentagesClamped << ", unavailable "
+                                     << repairs.metricsMarkedUnavailable << ", parents " << repairs.parentLinksDetached;
+        EXPECT_TRUE(core::IsCoherent(*snapshot));
+    }
+
+    EXPECT_EQ(ProviderNames(*second), (std::vector<std::string>{"linux.cpu", "linux.process", "linux.system"}));
+    EXPECT_EQ(second->generation, 2u);
+    EXPECT_GT(second->uptimeNs, 0u);
+    EXPECT_GT(second->wallClockNs, 0u);
+    EXPECT_EQ(second->capabilities.size(), 24u);
+    EXPECT_EQ(services->Capabilities().size(), 24u);
+
+    ASSERT_TRUE(second->cpuUtilization.value.has_value());
+    EXPECT_FALSE(first->cpuUtilization.value.has_value()) << "the first sample has no delta";
+    ASSERT_TRUE(second->memoryTotalBytes.value.has_value());
+    EXPECT_GT(*second->memoryTotalBytes.value, 0u);
+
+    const auto* self = FindPid(*second, static_cast<std::uint32_t>(::getpid()));
+    ASSERT_NE(self, nullptr);
+    EXPECT_NE(self->key.startTime, 0u);
+    EXPECT_EQ(self->parentKey.pid, static_cast<std::uint32_t>(::getppid()));
+
+    ASSERT_NE(second->telemetry, nullptr);
+    EXPECT_TRUE(core::IsValid(*second->telemetry));
+    EXPECT_EQ(second->telemetry->generation, 2u);
+    const auto* system = second->telemetry->FindDevice("system");
+    ASSERT_NE(system, nullptr);
+    bool sawModel = false;
+    for (const auto& [name, value] : system->properties) {
+        if (name == "model") sawModel = value == "Linux PC";
+    }
+    EXPECT_TRUE(sawModel);
+}
+
+TEST(LinuxPlatformServices, ResetSampleHasCountersButNoRates) {
+    auto services = CreatePlatformServices();
+    auto& source = services->SnapshotSource();
+    ASSERT_NE(source.Collect(Request(1, true)), nullptr);
+    usleep(50'000);
+    auto reset = source.Collect(Request(2, true));
+    ASSERT_NE(reset, nullptr);
+    EXPECT_FALSE(reset->cpuUtilization.value.has_value());
+    const auto* self = FindPid(*reset, static_cast<std::uint32_t>(::getpid()));
+    ASSERT_NE(self, nullptr);
+    EXPECT_TRUE(self->totalCpuTimeNs.value.has_value());
+    EXPECT_FALSE(self->cpuPercent.value.has_value());
+}
+
+TEST(LinuxPlatformServices, StopRequestedReturnsNothing) {
+    auto services = CreatePlatformServices();
+    std::stop_source stop;
+    stop.request_stop();
+    EXPECT_EQ(services->SnapshotSource().Collect(Request(1, false, stop.get_token())), nullptr);
+}
+
+TEST(LinuxPlatformServices, MissingProcfsIsReportedPerProvider) {
+    const fs::path root = fs::temp_directory_path() / ("korv-empty-proc-" + std::to_string(::getpid()));
+    fs::create_directories(root / "proc");
+    fs::create_directories(root / "sys");
+    ProviderRoots roots;
+    roots.proc = root / "proc";
+    roots.sys = root / "sys";
+    roots.cgroup = root / "cgroup";
+    roots.etc = root / "etc";
+    auto services = CreatePlatformServices(roots);
+    auto snapshot = services->SnapshotSource().Collect(Request(1, true));
+    fs::remove_all(root);
+    ASSERT_NE(snapshot, nullptr);
+    EXPECT_TRUE(core::IsCoherent(*snapshot));
+    EXPECT_TRUE(snapshot->processes.empty());
+
+    std::map<std::string, core::ProviderHealthRecord> rows;
+    for (const auto& row : snapshot->providers) rows[row.provider] = row;
+    ASSERT_TRUE(rows.contains("linux.cpu"));
+    EXPECT_NE(rows["linux.cpu"].state, core::ProviderHealth::healthy);
+    EXPECT_EQ(rows["linux.cpu"].consecutiveFailures, 1u);
+    ASSERT_TRUE(rows.contains("linux.process"));
+    EXPECT_NE(rows["linux.process"].state, core::ProviderHealth::healthy);
+    EXPECT_TRUE(rows.contains("linux.system.unsupported") || rows.contains("linux.system"));
+    EXPECT_EQ(snapshot->memoryTotalBytes.value.has_value(), false);
+}
+
+TEST(LinuxPlatformServices, RunsThroughTheEngineWithoutDropsOrRepairs) {
+    auto services = CreatePlatformServices();
+    std::mutex mutex;
+    std::condition_variable published;
+    std::vector<std::shared_ptr<const core::SystemSnapshot>> snapshots;
+    core::SamplingEngine engine(
+        services->SnapshotSource(),
+        [&](std::shared_ptr<const core::SystemSnapshot> snapshot) {
+            std::lock_guard lock(mutex);
+            snapshots.push_back(std::move(snapshot));
+            published.notify_all();
+        },
+        core::Cadence::high);
+    engine.Start();
+    {
+        std::unique_lock lock(mutex);
+        ASSERT_TRUE(published.wait_for(lock, std::chrono::seconds(30), [&] { return snapshots.size() >= 3; }));
+    }
+    engine.Stop();
+    const auto stats = engine.Stats();
+    EXPECT_EQ(stats.collectFailures, 0u);
+    EXPECT_EQ(stats.incoherentSnapshots, 0u);
+    EXPECT_EQ(stats.repairedSamples, 0u);
+    EXPECT_EQ(snapshots.back()->providers.back().provider, "sampling-engine");
+}
+
+}  // namespace
+}  // namespace korv::providers

@@ -1,0 +1,245 @@
+#include "tools/probe/snapshot_json.h"
+
+#include "core/snapshot_metrics.h"
+#include "core/telemetry_json.h"
+
+#include <string>
+
+namespace korv::probe {
+namespace {
+
+using core::JsonWriter;
+
+template <typename T>
+void WriteMetric(JsonWriter& w, std::string_view name, const core::Metric<T>& metric) {
+    w.Key(name);
+    w.BeginObject();
+    w.Key("availability");
+    w.String(core::ToString(metric.availability));
+    if (metric.value) {
+        w.Key("value");
+        if constexpr (std::is_same_v<T, std::string>) {
+            w.String(*metric.value);
+        } else if constexpr (std::is_same_v<T, bool>) {
+            w.Bool(*metric.value);
+        } else if constexpr (std::is_same_v<T, double>) {
+            w.Double(*metric.value);
+        } else {
+            w.Unsigned(*metric.value);
+        }
+    }
+    if (!metric.source.empty()) {
+        w.Key("source");
+        w.String(metric.source);
+    }
+    w.EndObject();
+}
+
+void WriteKey(JsonWriter& w, std::string_view name, const core::ProcessKey& key) {
+    w.Key(name);
+    w.BeginObject();
+    w.Key("pid");
+    w.Unsigned(key.pid);
+    w.Key("startTime");
+    w.Unsigned(key.startTime);
+    w.EndObject();
+}
+
+void WriteProcess(JsonWriter& w, const core::ProcessSnapshot& p) {
+    w.BeginObject();
+    WriteKey(w, "key", p.key);
+    WriteKey(w, "parentKey", p.parentKey);
+    w.Key("name");
+    w.String(p.name);
+    w.Key("executablePath");
+    w.String(p.executablePath);
+    w.Key("userName");
+    w.String(p.userName);
+    w.Key("state");
+    w.String(core::ToString(p.state));
+    w.Key("group");
+    w.String(core::ToString(p.group));
+    w.Key("applicationKey");
+    w.String(p.applicationKey);
+    WriteMetric(w, "cpuPercent", p.cpuPercent);
+    WriteMetric(w, "workingSetBytes", p.workingSetBytes);
+    WriteMetric(w, "peakWorkingSetBytes", p.peakWorkingSetBytes);
+    WriteMetric(w, "privateBytes", p.privateBytes);
+    WriteMetric(w, "sharedBytes", p.sharedBytes);
+    WriteMetric(w, "swapBytes", p.swapBytes);
+    WriteMetric(w, "virtualBytes", p.virtualBytes);
+    WriteMetric(w, "nice", p.nice);
+    WriteMetric(w, "threadCount", p.threadCount);
+    WriteMetric(w, "handleCount", p.handleCount);
+    WriteMetric(w, "kernelTimeNs", p.kernelTimeNs);
+    WriteMetric(w, "userTimeNs", p.userTimeNs);
+    WriteMetric(w, "totalCpuTimeNs", p.totalCpuTimeNs);
+    WriteMetric(w, "pageFaults", p.pageFaults);
+    WriteMetric(w, "readOperations", p.readOperations);
+    WriteMetric(w, "writeOperations", p.writeOperations);
+    WriteMetric(w, "readBytes", p.readBytes);
+    WriteMetric(w, "writeBytes", p.writeBytes);
+    WriteMetric(w, "readBytesPerSecond", p.readBytesPerSecond);
+    WriteMetric(w, "writeBytesPerSecond", p.writeBytesPerSecond);
+    w.EndObject();
+}
+
+void WriteSystemMetrics(JsonWriter& w, const core::SystemSnapshot& s) {
+    w.Key("system");
+    w.BeginObject();
+    WriteMetric(w, "cpuModel", s.cpuModel);
+    WriteMetric(w, "cpuHybrid", s.cpuHybrid);
+    WriteMetric(w, "cpuUtilization", s.cpuUtilization);
+    WriteMetric(w, "cpuKernelUtilization", s.cpuKernelUtilization);
+    WriteMetric(w, "cpuFrequencyHz", s.cpuFrequencyHz);
+    WriteMetric(w, "cpuBaseFrequencyHz", s.cpuBaseFrequencyHz);
+    WriteMetric(w, "physicalCoreCount", s.physicalCoreCount);
+    WriteMetric(w, "socketCount", s.socketCount);
+    WriteMetric(w, "virtualization", s.virtualization);
+    WriteMetric(w, "virtualMachine", s.virtualMachine);
+    WriteMetric(w, "cacheL1Bytes", s.cacheL1Bytes);
+    WriteMetric(w, "cacheL2Bytes", s.cacheL2Bytes);
+    WriteMetric(w, "cacheL3Bytes", s.cacheL3Bytes);
+    WriteMetric(w, "frequencyDriver", s.frequencyDriver);
+    WriteMetric(w, "frequencyGovernor", s.frequencyGovernor);
+    WriteMetric(w, "powerPreference", s.powerPreference);
+    WriteMetric(w, "memoryTotalBytes", s.memoryTotalBytes);
+    WriteMetric(w, "memoryInUseBytes", s.memoryInUseBytes);
+    WriteMetric(w, "memoryAvailableBytes", s.memoryAvailableBytes);
+    WriteMetric(w, "memoryCachedBytes", s.memoryCachedBytes);
+    WriteMetric(w, "memoryFreeBytes", s.memoryFreeBytes);
+    WriteMetric(w, "memoryCommittedBytes", s.memoryCommittedBytes);
+    WriteMetric(w, "memoryCommitLimitBytes", s.memoryCommitLimitBytes);
+    WriteMetric(w, "memorySharedBytesTotal", s.memorySharedBytesTotal);
+    WriteMetric(w, "memoryAnonymousBytes", s.memoryAnonymousBytes);
+    WriteMetric(w, "memoryCompressedBytes", s.memoryCompressedBytes);
+    WriteMetric(w, "memoryBuffersBytes", s.memoryBuffersBytes);
+    WriteMetric(w, "memorySharedBytes", s.memorySharedBytes);
+    WriteMetric(w, "memoryKernelSlabBytes", s.memoryKernelSlabBytes);
+    WriteMetric(w, "memoryPressurePercent", s.memoryPressurePercent);
+    WriteMetric(w, "memoryPsiSomeAvg10", s.memoryPsiSomeAvg10);
+    WriteMetric(w, "memorySpeed", s.memorySpeed);
+    WriteMetric(w, "swapUsedBytes", s.swapUsedBytes);
+    WriteMetric(w, "swapTotalBytes", s.swapTotalBytes);
+    WriteMetric(w, "pageIns", s.pageIns);
+    WriteMetric(w, "pageOuts", s.pageOuts);
+    WriteMetric(w, "loadAverage1", s.loadAverage1);
+    WriteMetric(w, "loadAverage5", s.loadAverage5);
+    WriteMetric(w, "loadAverage15", s.loadAverage15);
+    WriteMetric(w, "runnableTasks", s.runnableTasks);
+    WriteMetric(w, "totalTasks", s.totalTasks);
+    WriteMetric(w, "distribution", s.distribution);
+    WriteMetric(w, "distributionVersion", s.distributionVersion);
+    WriteMetric(w, "kernelRelease", s.kernelRelease);
+    WriteMetric(w, "hostName", s.hostName);
+    WriteMetric(w, "systemModel", s.systemModel);
+    w.EndObject();
+}
+
+}  // namespace
+
+void WriteSnapshot(JsonWriter& w, const core::SystemSnapshot& s) {
+    w.BeginObject();
+    w.Key("schemaVersion");
+    w.Unsigned(s.schemaVersion);
+    w.Key("generation");
+    w.Unsigned(s.generation);
+    w.Key("monotonicNs");
+    w.Unsigned(s.monotonicNs);
+    w.Key("wallClockNs");
+    w.Unsigned(s.wallClockNs);
+    w.Key("cadenceNs");
+    w.Unsigned(s.cadenceNs);
+    w.Key("elapsedNs");
+    w.Unsigned(s.elapsedNs);
+    w.Key("uptimeNs");
+    w.Unsigned(s.uptimeNs);
+    w.Key("logicalProcessorCount");
+    w.Unsigned(s.logicalProcessorCount);
+    WriteSystemMetrics(w, s);
+
+    w.Key("logicalProcessors");
+    w.BeginArray();
+    for (const auto& cpu : s.logicalProcessors) {
+        w.BeginObject();
+        w.Key("index");
+        w.Unsigned(cpu.index);
+        w.Key("processorClass");
+        w.String(core::ToString(cpu.processorClass));
+        WriteMetric(w, "numaNode", cpu.numaNode);
+        WriteMetric(w, "utilization", cpu.utilization);
+        WriteMetric(w, "kernelUtilization", cpu.kernelUtilization);
+        WriteMetric(w, "frequencyHz", cpu.frequencyHz);
+        w.EndObject();
+    }
+    w.EndArray();
+
+    w.Key("processes");
+    w.BeginArray();
+    for (const auto& process : s.processes) WriteProcess(w, process);
+    w.EndArray();
+
+    w.Key("exitedProcesses");
+    w.BeginArray();
+    for (const auto& exited : s.exitedProcesses) {
+        w.BeginObject();
+        WriteKey(w, "key", exited.process.key);
+        w.Key("name");
+        w.String(exited.process.name);
+        w.Key("exitedAtNs");
+        w.Unsigned(exited.exitedAtNs);
+        w.Key("exitedGeneration");
+        w.Unsigned(exited.exitedGeneration);
+        w.EndObject();
+    }
+    w.EndArray();
+
+    w.Key("providers");
+    w.BeginArray();
+    for (const auto& row : s.providers) {
+        w.BeginObject();
+        w.Key("provider");
+        w.String(row.provider);
+        w.Key("state");
+        w.String(core::ToString(row.state));
+        w.Key("lastGoodGeneration");
+        w.Unsigned(row.lastGoodGeneration);
+        w.Key("nativeError");
+        w.Integer(row.nativeError);
+        w.Key("consecutiveFailures");
+        w.Unsigned(row.consecutiveFailures);
+        w.Key("sampleDurationNs");
+        w.Unsigned(row.sampleDurationNs);
+        w.Key("droppedEvents");
+        w.Unsigned(row.droppedEvents);
+        w.Key("dataAgeNs");
+        w.Unsigned(row.dataAgeNs);
+        w.Key("diagnostic");
+        w.String(row.diagnostic);
+        w.EndObject();
+    }
+    w.EndArray();
+
+    w.Key("capabilities");
+    w.BeginObject();
+    for (const auto& [key, row] : s.capabilities) {
+        w.Key(key);
+        w.BeginObject();
+        w.Key("support");
+        w.String(core::ToString(row.support));
+        w.Key("description");
+        w.String(row.description);
+        w.EndObject();
+    }
+    w.EndObject();
+
+    w.Key("telemetry");
+    if (s.telemetry) {
+        core::WriteTelemetryFrame(w, *s.telemetry);
+    } else {
+        w.Null();
+    }
+    w.EndObject();
+}
+
+}  // namespace korv::probe
