@@ -1,0 +1,59 @@
+#include "providers/process_descriptors.h"
+
+#include "providers/bounded_read.h"
+#include "providers/process_directory.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace korv::providers {
+
+DirectoryCount CountDirectoryEntries(int directoryFd, const char* relativePath, std::vector<char>& buffer) {
+    DirectoryCount result;
+    int fd;
+    do {
+        fd = ::openat(directoryFd, relativePath, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    } while (fd < 0 && errno == EINTR);
+    if (fd < 0) {
+        result.error = errno;
+        return result;
+    }
+    result.error = ForEachDirectoryEntry(fd, buffer, [&](std::string_view) {
+        ++result.count;
+        return true;
+    });
+    ::close(fd);
+    if (result.error != 0) result.count = 0;
+    return result;
+}
+
+bool DescriptorCountDue(const DescriptorCountState& state, std::uint64_t nowNs) noexcept {
+    return !state.have || nowNs < state.readNs || nowNs - state.readNs > kDescriptorCountReuseNs;
+}
+
+void ApplyDescriptorCount(DescriptorCountState& state, const DirectoryCount* read, std::uint64_t nowNs,
+                          std::uint64_t generation, core::Metric<std::uint64_t>& out) {
+    if (read != nullptr && read->error == 0) {
+        state = {true, read->count, nowNs, generation};
+        out.Set(read->count, generation);
+        out.sampleAgeNs = 0;
+        return;
+    }
+    const std::uint64_t age = nowNs >= state.readNs ? nowNs - state.readNs : 0;
+    if (read == nullptr && state.have) {
+        out.Set(state.count, state.generation);
+        out.sampleAgeNs = age;
+        return;
+    }
+    if (state.have && age < kDescriptorCountKeepNs) {
+        out.value = state.count;
+        out.availability = core::MetricAvailability::stale;
+        out.lastGoodGeneration = state.generation;
+        out.sampleAgeNs = age;
+        return;
+    }
+    state.have = false;
+    out.MarkMissing(read != nullptr ? AvailabilityFromErrno(read->error) : core::MetricAvailability::notYetAvailable);
+}
+
+}  // namespace korv::providers
