@@ -32,7 +32,7 @@ struct Settings {
     std::uint32_t schemaVersion = kSettingsSchemaVersion;
     Theme theme = Theme::system;
     TemperatureUnit temperatureUnit = TemperatureUnit::celsius;
-    std::string applicationFont = "Michroma";
+    std::string applicationFont = "Inter";
     std::string applicationLanguage;
     std::uint32_t visualBloomLevel = 7;
     bool colorKeyedGraphs = true;

@@ -146,7 +146,7 @@ TEST_F(SettingsStoreTest, DefaultsAreWrittenIndentedInKeyOrderWithoutOlderKeys)
         "popoutOpacity", "popoutOpaqueOnHover", "checkForUpdatesOnStart", "autoUpdateOnStart",
         "showSettingsAsDialog", "processTableHiddenColumns", "processTableColumnWidths"};
     EXPECT_EQ(keys, expected);
-    EXPECT_EQ(parsed.value->Find("applicationFont")->AsString(), "Michroma");
+    EXPECT_EQ(parsed.value->Find("applicationFont")->AsString(), "Inter");
     EXPECT_EQ(parsed.value->Find("defaultPage")->AsString(), "summary");
     EXPECT_EQ(parsed.value->Find("updateSpeed")->AsString(), "medium");
     EXPECT_EQ(SettingsStore::Load(file).settings, Settings{});
