@@ -555,17 +555,5 @@ TEST(ProcessCollectorLiveTest, ReusedPidGetsANewKeyAndNoOldBaseline) {
     EXPECT_EQ(row->cpuPercent.availability, MetricAvailability::notYetAvailable);
 }
 
-TEST(ProcessCollectorLiveTest, RealProcHoldsThisProcess) {
-    ProcessCollector collector(ProviderRoots{});
-    std::vector<ProcessSnapshot> rows;
-    const ProcessTableResult result = collector.Refresh(Tick(1, 1), 2, rows);
-    ASSERT_TRUE(result.ok) << result.message;
-    EXPECT_GT(result.durationNs, 0u);
-    const ProcessSnapshot* self = Find(rows, static_cast<std::uint32_t>(::getpid()));
-    ASSERT_NE(self, nullptr);
-    EXPECT_EQ(self->executablePath, fs::read_symlink("/proc/self/exe").native());
-    EXPECT_EQ(self->state, core::ProcessState::running);
-}
-
 }  // namespace
 }  // namespace korv::providers

@@ -300,11 +300,5 @@ TEST(UserNameCacheTest, NoLookupAfterAStopRequest) {
     EXPECT_EQ(cache.Name(8, running.get_token()), "user8");
 }
 
-TEST(UserNameCacheTest, LookupBufferSizeIsBounded) {
-    const std::size_t size = UserNameCache::LookupBufferSize();
-    EXPECT_GE(size, 1024u);
-    EXPECT_LE(size, 1048576u);
-}
-
 }  // namespace
 }  // namespace korv::providers
