@@ -16,10 +16,10 @@ struct JsonArena {
     std::size_t left = 0;
     std::size_t blockSize = 4096;
 
-    // bytes need not be a multiple of 8; every result is 8-aligned.
+    // bytes need not be a multiple of 8; every result is 8-aligned and not null, even for 0 bytes.
     void* Allocate(std::size_t bytes)
     {
-        bytes = (bytes + 7) & ~std::size_t{7};
+        bytes = bytes == 0 ? 8 : (bytes + 7) & ~std::size_t{7};
         if (bytes > left) {
             return Grow(bytes);
         }

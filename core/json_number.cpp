@@ -106,7 +106,9 @@ char* FormatDouble(char* first, char* last, double value) noexcept
     // rounded product is the one candidate decimal with k fraction digits and the test is exact.
     if (magnitude < 1e11 && (magnitude >= 1e-4 || magnitude == 0)) {
         for (std::size_t fractionDigits = 0; fractionDigits < std::size(powers); ++fractionDigits) {
-            const double scaled = std::nearbyint(magnitude * powers[fractionDigits]);
+            // Adding and taking away 2^52 rounds a smaller magnitude to an integer.
+            constexpr double roundingShift = 4503599627370496.0;
+            const double scaled = (magnitude * powers[fractionDigits] + roundingShift) - roundingShift;
             if (scaled / powers[fractionDigits] == magnitude) {
                 char* end = FormatShortDecimal(first, last, std::signbit(value), static_cast<std::uint64_t>(scaled), fractionDigits);
                 if (end != nullptr) {

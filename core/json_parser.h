@@ -4,6 +4,8 @@
 #include "core/json_arena.h"
 
 #include <algorithm>
+#include <bit>
+#include <cstring>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -125,12 +127,52 @@ private:
     const char* ParseString(const char* p, RawNode& out);
     const char* ParseNumber(const char* p, RawNode& out);
 
+    // The numbers that fill traces: at most seven characters and no exponent, so the text fits
+    // the node and the value is one exact division. Others, and all errors, go to ParseNumber.
+    const char* ParseShortNumber(const char* p, RawNode& out)
+    {
+        using json_scan::IsDigit;
+        const char* start = p;
+        p += *p == '-' ? 1 : 0;
+        if (!IsDigit(*p) || (*p == '0' && IsDigit(p[1]))) {
+            return ParseNumber(start, out);
+        }
+        std::uint64_t significand = 0;
+        while (IsDigit(*p)) {
+            significand = significand * 10 + static_cast<std::uint64_t>(*p - '0');
+            ++p;
+        }
+        std::size_t fractionDigits = 0;
+        if (*p == '.') {
+            const char* fraction = ++p;
+            while (IsDigit(*p)) {
+                significand = significand * 10 + static_cast<std::uint64_t>(*p - '0');
+                ++p;
+            }
+            fractionDigits = static_cast<std::size_t>(p - fraction);
+        }
+        const auto length = static_cast<std::size_t>(p - start);
+        if ((*p | 0x20) == 'e' || length > shortNumberLimit_ || (fractionDigits == 0 && p[-1] == '.') ||
+            readableEnd_ - start < 8) {
+            return ParseNumber(start, out);
+        }
+        double value = static_cast<double>(significand) / json_scan::exactPowersOfTen[fractionDigits];
+        value = *start == '-' ? -value : value;
+        std::uint64_t bytes = 0;
+        std::memcpy(&bytes, start, sizeof bytes);
+        bytes &= ~std::uint64_t{0} >> (64 - 8 * length);
+        out.word = std::bit_cast<std::uint64_t>(value);
+        out.tag = json_parse::TypeTag(JsonType::number) | (length << JsonValue::inlineLengthShift) | (bytes << 8);
+        return p;
+    }
+
     JsonLimits limits_;
     std::unique_ptr<JsonArena> arena_;
     std::unique_ptr<char[]> padded_;
     const char* begin_ = nullptr;
     const char* end_ = nullptr;
     const char* readableEnd_ = nullptr;  // end_, or the end of the padding
+    std::size_t shortNumberLimit_ = 0;
     std::uint64_t values_ = 0;
     JsonError error_;
     json_parse::ScratchStack<RawNode> items_;

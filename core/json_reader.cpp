@@ -25,6 +25,7 @@ JsonParser::JsonParser(std::string_view text, const JsonLimits& limits)
         readableEnd_ = begin_ + text.size();
     }
     end_ = begin_ + text.size();
+    shortNumberLimit_ = static_cast<std::size_t>(std::min<std::uint64_t>(limits.maxNumberCharacters, JsonValue::maxInlineNumber));
     // Number-heavy documents take about two and a half node bytes per text byte.
     arena_->blockSize = std::clamp<std::size_t>(text.size() * 2, 4096, std::size_t{16} << 20);
 }
@@ -130,7 +131,7 @@ const char* JsonParser::ParseValue(const char* p, RawNode& out, std::uint64_t de
     case '7':
     case '8':
     case '9':
-        return CountValue(p) ? ParseNumber(p, out) : nullptr;
+        return CountValue(p) ? ParseShortNumber(p, out) : nullptr;
     default:
         return FailAt(p, "invalid JSON value");
     }
@@ -164,7 +165,7 @@ const char* JsonParser::ParseArray(const char* p, RawNode& out, std::uint64_t de
         }
         if (p != end_ && (IsDigit(*p) || *p == '-')) {
             // Numbers go straight to their slot: they cannot grow the stack under it.
-            if (!CountValue(p) || (p = ParseNumber(p, items_.Push())) == nullptr) {
+            if (!CountValue(p) || (p = ParseShortNumber(p, items_.Push())) == nullptr) {
                 return nullptr;
             }
         } else {

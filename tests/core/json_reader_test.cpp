@@ -85,6 +85,7 @@ const ErrorCase errorCases[] = {
     {"commaBeforeBrace", "{\"a\":1,}", Kind::syntax, "object key must be a string", 7},
     {"duplicateKey", "{\"a\":1,\"a\":1}", Kind::duplicateKey, "duplicate object key", 7},
     {"duplicateByEscape", "{\"a\":1, \"\\u0061\":2}", Kind::duplicateKey, "duplicate object key", 8},
+    {"duplicateEmptyKey", "{\"\":1,\"\":2}", Kind::duplicateKey, "duplicate object key", 6},
     {"duplicateNested", "{\"a\":{\"b\":1,\"b\":null}}", Kind::duplicateKey, "duplicate object key", 12},
     {"noColon", "{\"a\" 1}", Kind::syntax, "missing colon after object key", 5},
     {"commaForColon", "{\"a\",1}", Kind::syntax, "missing colon after object key", 4},
@@ -308,16 +309,19 @@ TEST(JsonReaderLimits, RefusedValueIsPlaced)
     EXPECT_EQ(ParseJson("\"\"", JsonLimits{0, 0, 0, 0, 0, 0}).error.kind, Kind::valueCount);
 }
 
-TEST(JsonReaderDuplicates, LargeObjectsFindDuplicatesAnywhere)
+TEST(JsonReaderDuplicates, FoundAnywhereInSmallAndLargeObjects)
 {
-    for (const std::size_t position : {0u, 15u, 16u, 17u, 500u, 1022u}) {
-        std::string text = ObjectOf(1023);
-        text.pop_back();
-        text += ",\"" + std::to_string(position) + "\":false}";
-        const JsonParseResult result = ParseJson(text, JsonLimits::Default());
-        ASSERT_FALSE(result.Ok()) << position;
-        EXPECT_EQ(result.error.kind, Kind::duplicateKey);
-        EXPECT_EQ(result.error.offset, ObjectOf(1023).size());
+    // Small objects are scanned, larger ones hashed: cover both sides of the switch.
+    for (const std::size_t size : {1u, 14u, 15u, 16u, 17u, 500u, 1023u}) {
+        for (const std::size_t position : {std::size_t{0}, size / 2, size - 1}) {
+            std::string text = ObjectOf(size);
+            text.pop_back();
+            text += ",\"" + std::to_string(position) + "\":false}";
+            const JsonParseResult result = ParseJson(text, JsonLimits::Default());
+            ASSERT_FALSE(result.Ok()) << size << " " << position;
+            EXPECT_EQ(result.error.kind, Kind::duplicateKey);
+            EXPECT_EQ(result.error.offset, ObjectOf(size).size());
+        }
     }
     const JsonParseResult distinct = ParseJson(ObjectOf(1024), JsonLimits::Default());
     ASSERT_TRUE(distinct.Ok());
@@ -367,6 +371,10 @@ TEST(JsonReaderAccepts, NumbersKeepTextAndExactValue)
         {"12.375", 12.375, std::nullopt, std::nullopt},
         {"0.1", 0.1, std::nullopt, std::nullopt},
         {"-4096", -4096.0, -4096, std::nullopt},
+        {"-12.345", -12.345, std::nullopt, std::nullopt},
+        {"-123.456", -123.456, std::nullopt, std::nullopt},
+        {"1234567", 1234567.0, 1234567, 1234567u},
+        {"12345678", 12345678.0, 12345678, 12345678u},
         {"1.0", 1.0, std::nullopt, std::nullopt},
         {"9007199254740993", 9007199254740992.0, 9007199254740993, 9007199254740993u},
         {"18446744073709551615", 18446744073709551615.0, std::nullopt, 18446744073709551615u},
@@ -383,15 +391,19 @@ TEST(JsonReaderAccepts, NumbersKeepTextAndExactValue)
         {"0e999999999999", 0.0, std::nullopt, std::nullopt},
     };
     for (const NumberCase& number : cases) {
-        const JsonParseResult result = ParseJson(std::string("[") + number.text + "]", JsonLimits::Default());
-        ASSERT_TRUE(result.Ok()) << number.text << ": " << result.error.message;
-        const JsonValue& value = result.value->At(0);
-        EXPECT_TRUE(value.IsNumber());
-        EXPECT_EQ(value.NumberText(), number.text);
-        EXPECT_EQ(value.AsDouble(), number.value) << number.text;
-        EXPECT_EQ(std::signbit(value.AsDouble()), std::signbit(number.value)) << number.text;
-        EXPECT_EQ(value.AsInteger(), number.integer) << number.text;
-        EXPECT_EQ(value.AsUnsigned(), number.unsignedValue) << number.text;
+        // In an array the text ends in a bracket; alone it ends in the number itself.
+        for (const bool alone : {false, true}) {
+            const JsonParseResult result = ParseJson(alone ? std::string(number.text) : std::string("[") + number.text + "]",
+                                                     JsonLimits::Default());
+            ASSERT_TRUE(result.Ok()) << number.text << ": " << result.error.message;
+            const JsonValue& value = alone ? *result.value : result.value->At(0);
+            EXPECT_TRUE(value.IsNumber());
+            EXPECT_EQ(value.NumberText(), number.text);
+            EXPECT_EQ(value.AsDouble(), number.value) << number.text;
+            EXPECT_EQ(std::signbit(value.AsDouble()), std::signbit(number.value)) << number.text;
+            EXPECT_EQ(value.AsInteger(), number.integer) << number.text;
+            EXPECT_EQ(value.AsUnsigned(), number.unsignedValue) << number.text;
+        }
     }
 }
 
