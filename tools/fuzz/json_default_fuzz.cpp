@@ -1,72 +1,7 @@
-// Parses arbitrary bytes with the limits for settings and other small documents. A refused text must carry a complete
-// error; an accepted one must serialise, parse again to an equal value and serialise to the same
-// text, and survive a deep copy.
-#include <cstddef>
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
-#include <string>
-#include <string_view>
-
-#include "core/json.h"
-
-namespace {
-
-using korv::core::JsonErrorKind;
-using korv::core::JsonLimits;
-using korv::core::JsonParseResult;
-using korv::core::JsonValue;
-
-[[noreturn]] void Fail(const char* what)
-{
-    std::fprintf(stderr, "json_default_fuzz: %s\n", what);
-    std::abort();
-}
-
-void CheckError(std::string_view text, const JsonParseResult& result)
-{
-    const auto& error = result.error;
-    if (error.kind == JsonErrorKind::none || error.message.empty() || error.offset > text.size()) {
-        Fail("incomplete error");
-    }
-    std::size_t line = 1;
-    std::size_t lineStart = 0;
-    for (std::size_t index = 0; index < error.offset; ++index) {
-        if (text[index] == '\n') {
-            ++line;
-            lineStart = index + 1;
-        }
-    }
-    if (error.line != line || error.column != error.offset - lineStart + 1) {
-        Fail("error place does not match its offset");
-    }
-}
-
-}  // namespace
+// Parses arbitrary bytes with the limits for settings and other small documents.
+#include "tools/fuzz/json_fuzz_common.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
-    const std::string_view text(reinterpret_cast<const char*>(data), size);
-    const JsonLimits limits = JsonLimits::Default();
-    const JsonParseResult result = korv::core::ParseJson(text, limits);
-    if (!result.Ok()) {
-        CheckError(text, result);
-        return 0;
-    }
-    const std::string serialized = korv::core::SerializeJson(*result.value);
-    const JsonParseResult again = korv::core::ParseJson(serialized, limits);
-    if (!again.Ok()) {
-        Fail("serialised text does not parse");
-    }
-    if (!(*again.value == *result.value)) {
-        Fail("round trip changed the value");
-    }
-    if (korv::core::SerializeJson(*again.value) != serialized) {
-        Fail("second serialisation differs");
-    }
-    const JsonValue copy = *result.value;
-    if (!(copy == *result.value) || korv::core::SerializeJson(copy) != serialized) {
-        Fail("copy differs");
-    }
-    return 0;
+    return korv_fuzz::FuzzJsonInput(data, size, korv::core::JsonLimits::Default());
 }
