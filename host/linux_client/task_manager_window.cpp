@@ -1,0 +1,619 @@
+#include "host/linux_client/task_manager_window.h"
+
+#include "core/sampling_engine.h"
+#include "core/shutdown_watchdog.h"
+#include "core/snapshot.h"
+#include "host/linux_client/application_paths.h"
+#include "host/linux_client/command_bar.h"
+#include "host/linux_client/display_snapshot.h"
+#include "host/linux_client/display_tint.h"
+#include "host/linux_client/history_store.h"
+#include "host/linux_client/navigation_rail.h"
+#include "host/linux_client/page_catalog.h"
+#include "host/linux_client/placeholder_page.h"
+#include "host/linux_client/settings_saver.h"
+#include "host/linux_client/smoke_run.h"
+#include "host/linux_client/snapshot_mailbox.h"
+#include "host/linux_client/startup_report.h"
+#include "host/linux_client/status_bar_widget.h"
+#include "host/linux_client/theme.h"
+#include "host/linux_client/window_menus.h"
+#include "providers/platform_services.h"
+
+#include <QAction>
+#include <QActionGroup>
+#include <QApplication>
+#include <QCloseEvent>
+#include <QCoreApplication>
+#include <QGuiApplication>
+#include <QHBoxLayout>
+#include <QKeyEvent>
+#include <QLineEdit>
+#include <QMenu>
+#include <QMenuBar>
+#include <QMessageBox>
+#include <QPushButton>
+#include <QStackedWidget>
+#include <QTimer>
+#include <QToolButton>
+#include <QVBoxLayout>
+
+#include <cstdio>
+#include <cstdlib>
+
+namespace korv::host::linux_client {
+namespace {
+
+constexpr int kSelfTestTimeoutMs = 10000;
+constexpr int kWatchdogExitCode = 1;
+
+QString Text(const char* source) {
+    return QCoreApplication::translate("TaskManagerWindow", source);
+}
+
+void HardExit(int code) noexcept {
+    std::_Exit(code);
+}
+
+QSize SizeFor(WindowSizeChoice choice) {
+    switch (choice) {
+    case WindowSizeChoice::narrow:
+        return {900, 780};
+    case WindowSizeChoice::wide:
+        return {1600, 900};
+    case WindowSizeChoice::normal:
+        break;
+    }
+    return {1240, 800};
+}
+
+std::unique_ptr<providers::PlatformServices> CreateLinuxServices() {
+    return providers::CreatePlatformServices();
+}
+
+}  // namespace
+
+struct TaskManagerWindow::Impl {
+    Impl(TaskManagerWindow& owner, SmokeOptions smokeOptions, core::SettingsLoadResult loaded)
+        : window(owner),
+          options(std::move(smokeOptions)),
+          settings(std::move(loaded.settings)),
+          savedSettings(settings),
+          loadStatus(loaded.status),
+          loadError(std::move(loaded.error)),
+          history(HistoryStore::CapacityFor(settings.graphHistoryMultiplier, settings.graphPixelsPerUpdate)),
+          watchdog(&HardExit, kWatchdogExitCode) {}
+
+    void BuildShell();
+    void ConnectShell();
+    void BuildProcessViewMenu(QMenu& menu) const;
+    void ApplyThemeAndTint();
+    void SetDisplayMode(DisplayModeChoice mode, bool remember);
+    void SetStatusBarShown(bool shown, bool remember);
+    void SetSidebarShown(bool shown);
+    void ReportSettingsLoad();
+    void StartPlatform(const ServicesFactory& factory);
+    void StartSmokeRun();
+    void SelectStackIndex(int stackIndex);
+    void StepPage(int delta);
+    void Deliver();
+    void ApplySnapshot(const std::shared_ptr<const core::SystemSnapshot>& snapshot);
+    void SaveSettingsSoon();
+    void RememberGeometry();
+    void Teardown();
+    void SaveSettingsAtExit();
+    void ShowAbout();
+
+    TaskManagerWindow& window;
+    const SmokeOptions options;
+    core::Settings settings;
+    core::Settings savedSettings;  // what the file holds as far as this window knows
+    const core::SettingsLoadStatus loadStatus;
+    const std::string loadError;
+
+    // Shell.
+    NavigationRail* rail = nullptr;
+    CommandBar* commandBar = nullptr;
+    QStackedWidget* stack = nullptr;
+    StatusBarWidget* statusBar = nullptr;
+    WindowMenus menus;
+    std::unique_ptr<SettingsSaver> saver;
+    SmokeRun* smokeRun = nullptr;
+    core::Theme theme = core::Theme::system;
+    DisplayModeChoice displayMode = DisplayModeChoice::color;
+
+    // Delivery. The services outlive the engine: the engine is declared after them, and the close
+    // path stops it before either is destroyed.
+    std::unique_ptr<SnapshotMailbox> mailbox;
+    std::unique_ptr<providers::PlatformServices> services;
+    std::unique_ptr<core::SamplingEngine> engine;
+    std::shared_ptr<const core::SystemSnapshot> currentSnapshot;
+    std::shared_ptr<const core::SystemSnapshot> displaySnapshot;
+    double cpuScale = 1.0;
+    bool perCoreCpu = false;
+    std::uint64_t lastGeneration = 0;
+    std::uint64_t deliveredCount = 0;
+    std::uint64_t lastMonotonicNs = 0;
+    HistoryStore history;
+    ApplyPlan lastPlan;
+    bool applying = false;
+    int pendingStackIndex = -1;
+    bool refreshKeyHeld = false;
+    bool selfTestActive = false;
+
+    // Close.
+    core::ShutdownClaim closeClaim;
+    core::ShutdownWatchdog watchdog;
+    bool closing = false;
+};
+
+void TaskManagerWindow::Impl::BuildShell() {
+    window.setObjectName(QStringLiteral("TaskManagerWindow"));
+    window.setWindowTitle(QCoreApplication::translate("QMainWindow", "Task Manager KORV"));
+
+    auto* central = new QWidget(&window);
+    central->setObjectName(QStringLiteral("CentralWidget"));
+    auto* outer = new QHBoxLayout(central);
+    outer->setContentsMargins(0, 0, 0, 0);
+    outer->setSpacing(0);
+
+    rail = new NavigationRail(central);
+    outer->addWidget(rail);
+
+    auto* content = new QWidget(central);
+    content->setObjectName(QStringLiteral("ContentArea"));
+    auto* contentLayout = new QVBoxLayout(content);
+    contentLayout->setContentsMargins(0, 0, 0, 0);
+    contentLayout->setSpacing(0);
+    commandBar = new CommandBar(content);
+    contentLayout->addWidget(commandBar);
+
+    stack = new QStackedWidget(content);
+    stack->setObjectName(QStringLiteral("PageStack"));
+    for (int index = 0; index < kStackPageCount; ++index) {
+        auto* page = new PlaceholderPage(RailLabel(index), stack);
+        page->setObjectName(PageName(PageForStackIndex(index)));
+        stack->addWidget(page);
+    }
+    contentLayout->addWidget(stack, 1);
+    outer->addWidget(content, 1);
+    window.setCentralWidget(central);
+
+    statusBar = new StatusBarWidget(&window);
+    window.setStatusBar(statusBar);
+    menus = BuildWindowMenus(*window.menuBar());
+    menus.combinedDisks->setChecked(core::ReadBoolPreference(settings, core::kCombinedDisks));
+    menus.combinedNetwork->setChecked(core::ReadBoolPreference(settings, core::kCombinedNetwork));
+    menus.combinedGpus->setChecked(core::ReadBoolPreference(settings, core::kCombinedGpus));
+
+    // Running a new task belongs to the Processes page, which is not built yet.
+    commandBar->RunNewTaskButton()->setEnabled(false);
+    // The Colors panel lives on the Settings page, which is not built yet.
+    rail->ColorsButton()->setEnabled(false);
+    commandBar->SetProcessViewBuilder([this](QMenu& menu) { BuildProcessViewMenu(menu); });
+}
+
+void TaskManagerWindow::Impl::BuildProcessViewMenu(QMenu& menu) const {
+    // The choices are the Processes page's; they show the stored preference and stay off until
+    // that page exists.
+    const auto addCheck = [&menu](const QString& text, bool checked) {
+        QAction* action = menu.addAction(text);
+        action->setCheckable(true);
+        action->setChecked(checked);
+        action->setEnabled(false);
+    };
+    addCheck(Text("Process tree"), core::ReadBoolPreference(settings, core::kProcessTreeEnabled));
+    addCheck(Text("Smooth CPU readings"), core::ReadBoolPreference(settings, core::kSmoothProcessCpu));
+    addCheck(Text("Show exited processes"), core::ReadBoolPreference(settings, core::kShowExitedProcesses));
+    menu.addSeparator();
+    menu.addAction(Text("Expand all"))->setEnabled(false);
+    menu.addAction(Text("Collapse all"))->setEnabled(false);
+}
+
+void TaskManagerWindow::Impl::ConnectShell() {
+    QObject::connect(rail, &NavigationRail::pageRequested, &window, [this](int index) { SelectStackIndex(index); });
+    QObject::connect(rail->SettingsButton(), &QPushButton::clicked, &window,
+                     [this] { SelectStackIndex(kSettingsStackIndex); });
+    QObject::connect(commandBar->HideSidebarButton(), &QToolButton::clicked, &window,
+                     [this] { SetSidebarShown(rail->isHidden()); });
+    QObject::connect(commandBar->RefreshButton(), &QPushButton::clicked, &window, [this] { window.RequestSample(); });
+    QObject::connect(statusBar, &StatusBarWidget::linkActivated, &window, [this](const QString& target) {
+        if (target == QLatin1String(kProviderDiagnosticsLink)) {
+            // Provider Diagnostics is a section of the System Info page.
+            SelectStackIndex(kSystemInfoStackIndex);
+        } else if (target == QLatin1String(kPerformanceNetworkLink)) {
+            SelectStackIndex(kPerformanceStackIndex);
+        }
+    });
+    QObject::connect(saver.get(), &SettingsSaver::saveFailed, statusBar, &StatusBarWidget::ShowSettingsMessage);
+
+    QObject::connect(menus.exit, &QAction::triggered, &window, &QWidget::close);
+    QObject::connect(menus.find, &QAction::triggered, &window, [this] {
+        QLineEdit* filter = commandBar->FilterBox();
+        filter->setFocus(Qt::ShortcutFocusReason);
+        filter->selectAll();
+    });
+    for (QAction* action : menus.pages) {
+        QObject::connect(action, &QAction::triggered, &window,
+                         [this, action] { SelectStackIndex(action->data().toInt()); });
+    }
+    QObject::connect(menus.previousPage, &QAction::triggered, &window, [this] { StepPage(-1); });
+    QObject::connect(menus.nextPage, &QAction::triggered, &window, [this] { StepPage(1); });
+    QObject::connect(menus.hideSidebar, &QAction::triggered, &window,
+                     [this](bool hidden) { SetSidebarShown(!hidden); });
+    QObject::connect(menus.hideStatusBar, &QAction::triggered, &window,
+                     [this](bool hidden) { SetStatusBarShown(!hidden, true); });
+    QObject::connect(menus.fullScreen, &QAction::triggered, &window, [this](bool full) {
+        if (full) {
+            window.showFullScreen();
+        } else {
+            window.showNormal();
+        }
+    });
+    for (QAction* action : menus.displayColors) {
+        QObject::connect(action, &QAction::triggered, &window, [this, action] {
+            SetDisplayMode(static_cast<DisplayModeChoice>(action->data().toInt()), true);
+        });
+    }
+    QObject::connect(menus.about, &QAction::triggered, &window, [this] { ShowAbout(); });
+}
+
+void TaskManagerWindow::Impl::ApplyThemeAndTint() {
+    SetDisplayTint(TintModeForDisplayMode(displayMode),
+                   GlowStrengthFromText(QString::fromStdString(core::StringPreference(settings, "displaySaturation", "1"))));
+    ApplyShellTheme(&window, theme);
+    commandBar->ApplyColors(CurrentShellColors());
+    statusBar->RefreshColors();
+    menus.displayColors[static_cast<std::size_t>(displayMode)]->setChecked(true);
+    window.update();
+}
+
+void TaskManagerWindow::Impl::SetDisplayMode(DisplayModeChoice mode, bool remember) {
+    displayMode = mode;
+    ApplyThemeAndTint();
+    if (remember) {
+        core::WriteStringPreference(settings, "displayMode", DisplayModeWord(mode).toStdString());
+        SaveSettingsSoon();
+    }
+}
+
+void TaskManagerWindow::Impl::SetStatusBarShown(bool shown, bool remember) {
+    statusBar->setVisible(shown);
+    menus.hideStatusBar->setChecked(!shown);
+    if (remember) {
+        core::WriteBoolPreference(settings, "statusBarVisible", shown);
+        SaveSettingsSoon();
+    }
+}
+
+void TaskManagerWindow::Impl::SetSidebarShown(bool shown) {
+    rail->setVisible(shown);
+    menus.hideSidebar->setChecked(!shown);
+}
+
+void TaskManagerWindow::Impl::ReportSettingsLoad() {
+    if (!saver->Available()) {
+        statusBar->ShowSettingsMessage(QString::fromUtf8(core::kSettingsPersistenceUnavailable.data(),
+                                                         static_cast<qsizetype>(core::kSettingsPersistenceUnavailable.size())));
+        return;
+    }
+    if (loadStatus == core::SettingsLoadStatus::failed) {
+        const QString reason =
+            loadError.empty() ? Text("unknown settings error") : QString::fromStdString(loadError);
+        statusBar->ShowSettingsMessage(Text("Settings could not be loaded: %1").arg(reason));
+    } else if (loadStatus == core::SettingsLoadStatus::reset && !loadError.empty()) {
+        statusBar->ShowSettingsMessage(QString::fromStdString(loadError));
+    }
+}
+
+void TaskManagerWindow::Impl::StartPlatform(const ServicesFactory& factory) {
+    try {
+        services = factory ? factory() : nullptr;
+    } catch (const std::exception&) {
+        services.reset();
+    }
+    if (services == nullptr) {
+        statusBar->ShowProviderUnavailable();
+        return;
+    }
+    statusBar->ShowWaiting();
+    SnapshotMailbox* box = mailbox.get();
+    engine = std::make_unique<core::SamplingEngine>(
+        services->SnapshotSource(),
+        [box](std::shared_ptr<const core::SystemSnapshot> snapshot) { box->Post(std::move(snapshot)); },
+        static_cast<core::Cadence>(settings.updateSpeed));
+    engine->Start();
+    if (settings.updateSpeed == core::UpdateSpeed::paused) {
+        // A paused monitor still opens on one frozen sample rather than an empty window.
+        engine->RequestSample();
+    }
+}
+
+void TaskManagerWindow::Impl::StartSmokeRun() {
+    SmokeHooks hooks;
+    hooks.selectPage = [this](int index) { SelectStackIndex(index); };
+    hooks.requestSample = [this] { window.RequestSample(); };
+    hooks.captureWidget = [this](CaptureScope scope) -> QWidget* {
+        return scope == CaptureScope::page ? stack->currentWidget() : window.centralWidget();
+    };
+    hooks.exit = [](int status) { QCoreApplication::exit(status); };
+    smokeRun = new SmokeRun(options, std::move(hooks), &window);
+    smokeRun->Start();
+}
+
+void TaskManagerWindow::Impl::SelectStackIndex(int stackIndex) {
+    if (stackIndex < 0 || stackIndex >= kStackPageCount) {
+        return;
+    }
+    if (applying) {
+        pendingStackIndex = stackIndex;
+        return;
+    }
+    stack->setCurrentIndex(stackIndex);
+    rail->SetCurrentStackIndex(stackIndex);
+    menus.pages[static_cast<std::size_t>(stackIndex)]->setChecked(true);
+}
+
+void TaskManagerWindow::Impl::StepPage(int delta) {
+    const int next = (stack->currentIndex() + delta + kStackPageCount) % kStackPageCount;
+    SelectStackIndex(next);
+}
+
+void TaskManagerWindow::Impl::Deliver() {
+    std::shared_ptr<const core::SystemSnapshot> snapshot = mailbox->TakeForDelivery();
+    if (snapshot == nullptr || closing) {
+        return;
+    }
+    currentSnapshot = snapshot;
+    lastGeneration = snapshot->generation;
+    // A changed scale is also what the Processes page is told after the apply, once it exists.
+    cpuScale = CpuScaleFor(*snapshot, perCoreCpu);
+    displaySnapshot = MakeDisplaySnapshot(snapshot, cpuScale);
+    ApplySnapshot(displaySnapshot);
+    if (refreshKeyHeld && engine != nullptr) {
+        engine->RequestSample();
+    }
+}
+
+void TaskManagerWindow::Impl::ApplySnapshot(const std::shared_ptr<const core::SystemSnapshot>& snapshot) {
+    applying = true;
+    // 1. Uptime and the monotonic time; the odometer that shows the uptime belongs to a later page.
+    lastMonotonicNs = snapshot->monotonicNs;
+    // 2. History behind every graph, for all pages whether they can be seen or not.
+    history.Append(*snapshot);
+    // 3. The popout, tray gadgets and recorders would be fed here; they work while hidden too.
+    // 4. to 7. and 9.: pages, each only when it can be seen. The shell's pages show only their
+    // titles so far and take no snapshot; the plan records who would have been fed.
+    ApplyContext context;
+    context.smokeMode = options.enabled;
+    context.windowShown = window.isVisible();
+    context.windowMinimized = window.isMinimized();
+    context.currentStackIndex = stack->currentIndex();
+    lastPlan = PlanSnapshotApply(context);
+    // 8. The status bar.
+    statusBar->ShowSnapshot(*snapshot);
+    ++deliveredCount;
+    applying = false;
+    // 10. A page change asked for during this delivery.
+    if (pendingStackIndex >= 0) {
+        const int index = std::exchange(pendingStackIndex, -1);
+        SelectStackIndex(index);
+    }
+    ReportFirstSnapshotApplied();
+    if (selfTestActive) {
+        selfTestActive = false;
+        std::printf("korv: self-test passed: generation %llu, %zu processes\n",
+                    static_cast<unsigned long long>(snapshot->generation), snapshot->processes.size());
+        std::fflush(stdout);
+        QCoreApplication::exit(0);
+    }
+}
+
+void TaskManagerWindow::Impl::SaveSettingsSoon() {
+    if (!saver->Available() || settings == savedSettings) {
+        return;
+    }
+    savedSettings = settings;
+    saver->Save(settings);
+}
+
+void TaskManagerWindow::Impl::RememberGeometry() {
+    // A window opened by a smoke run has its size from the command line, which must not stick.
+    if (!window.isVisible() || options.enabled || qApp->isSavingSession()) {
+        return;
+    }
+    core::WriteStringPreference(settings, "mainWindowGeometry", window.saveGeometry().toBase64().toStdString());
+}
+
+void TaskManagerWindow::Impl::Teardown() {
+    closing = true;
+    watchdog.Arm(core::ShutdownWatchdog::CloseDeadline(core::ShutdownWatchdog::Clock::now()));
+    // The popout, recorders, benchmarks and page workers would be stopped here; the smoke run's
+    // timers are the only background work of the shell itself.
+    delete smokeRun;
+    smokeRun = nullptr;
+    mailbox->Close();
+    // Page caches would be cleared here, each under its own lock.
+    if (engine != nullptr) {
+        engine->RequestStop();
+        engine->Join();
+    }
+    watchdog.Disarm();
+}
+
+void TaskManagerWindow::Impl::SaveSettingsAtExit() {
+    if (!saver->Available() || settings == savedSettings) {
+        return;
+    }
+    savedSettings = settings;
+    saver->SaveAtExit(settings);
+}
+
+void TaskManagerWindow::Impl::ShowAbout() {
+    QMessageBox::about(&window, Text("About Task Manager KORV"),
+                       Text("<h3>Task Manager KORV</h3><p>Version %1</p>"
+                            "<p>A task manager and machine monitor for the Linux desktop.</p>")
+                           .arg(QCoreApplication::applicationVersion().toHtmlEscaped()));
+}
+
+TaskManagerWindow::TaskManagerWindow(SmokeOptions options, core::SettingsLoadResult settings, QWidget* parent)
+    : TaskManagerWindow(std::move(options), std::move(settings), ServicesFactory(&CreateLinuxServices), parent) {}
+
+TaskManagerWindow::TaskManagerWindow(SmokeOptions options, core::SettingsLoadResult settings, ServicesFactory factory,
+                                     QWidget* parent)
+    : QMainWindow(parent), impl_(std::make_unique<Impl>(*this, std::move(options), std::move(settings))) {
+    Impl& d = *impl_;
+    d.mailbox = std::make_unique<SnapshotMailbox>(this);
+    d.saver = std::make_unique<SettingsSaver>(SettingsFilePath().toStdString());
+    d.perCoreCpu = d.settings.perCoreCpuStatistics;
+
+    if (ApplyApplicationFont(QString::fromStdString(d.settings.applicationFont))) {
+        // This window existed before the font changed, and the toolkit only tells running windows.
+        setFont(QApplication::font());
+    }
+    d.BuildShell();
+    d.ConnectShell();
+
+    d.theme = d.options.theme.has_value() ? static_cast<core::Theme>(*d.options.theme) : d.settings.theme;
+    d.displayMode = d.options.displayMode.value_or(
+        DisplayModeFromWord(QString::fromStdString(core::StringPreference(d.settings, "displayMode", "color")))
+            .value_or(DisplayModeChoice::color));
+    d.ApplyThemeAndTint();
+    d.SetStatusBarShown(core::ReadBoolPreference(d.settings, "statusBarVisible", true), false);
+    d.ReportSettingsLoad();
+
+    const QByteArray geometry =
+        QByteArray::fromBase64(QByteArray::fromStdString(core::StringPreference(d.settings, "mainWindowGeometry", "")));
+    if (d.options.enabled || geometry.isEmpty() || !restoreGeometry(geometry)) {
+        resize(SizeFor(d.options.windowSize.value_or(WindowSizeChoice::normal)));
+    }
+
+    const int firstPage = d.options.enabled ? StackIndexForPage(d.options.page.value_or(0))
+                                            : StackIndexForDefaultPage(d.settings.defaultPage);
+    d.SelectStackIndex(firstPage < 0 ? kSummaryStackIndex : firstPage);
+
+    d.StartPlatform(factory);
+    if (d.options.enabled) {
+        d.StartSmokeRun();
+    }
+}
+
+TaskManagerWindow::~TaskManagerWindow() {
+    if (impl_->closeClaim.TryClaim()) {
+        impl_->Teardown();
+        impl_->SaveSettingsAtExit();
+    }
+    impl_->engine.reset();
+    impl_->services.reset();
+}
+
+void TaskManagerWindow::BeginSelfTest() {
+    impl_->selfTestActive = true;
+    QTimer::singleShot(kSelfTestTimeoutMs, this, [this] {
+        if (!impl_->selfTestActive) {
+            return;
+        }
+        impl_->selfTestActive = false;
+        std::fprintf(stderr, "korv: self-test failed: no snapshot within %d seconds\n", kSelfTestTimeoutMs / 1000);
+        QCoreApplication::exit(1);
+    });
+    RequestSample();
+}
+
+void TaskManagerWindow::ActivateFromAnotherInstance() {
+    showNormal();
+    show();
+    raise();
+    activateWindow();
+}
+
+void TaskManagerWindow::SelectStackIndex(int stackIndex) {
+    impl_->SelectStackIndex(stackIndex);
+}
+
+int TaskManagerWindow::CurrentStackIndex() const {
+    return impl_->stack->currentIndex();
+}
+
+void TaskManagerWindow::RequestSample() {
+    if (impl_->engine != nullptr && !impl_->closing) {
+        impl_->engine->RequestSample();
+    }
+}
+
+std::shared_ptr<const core::SystemSnapshot> TaskManagerWindow::CurrentSnapshot() const {
+    return impl_->currentSnapshot;
+}
+
+std::shared_ptr<const core::SystemSnapshot> TaskManagerWindow::DisplaySnapshot() const {
+    return impl_->displaySnapshot;
+}
+
+double TaskManagerWindow::CpuScale() const {
+    return impl_->cpuScale;
+}
+
+std::uint64_t TaskManagerWindow::LastGeneration() const {
+    return impl_->lastGeneration;
+}
+
+std::uint64_t TaskManagerWindow::DeliveredSnapshotCount() const {
+    return impl_->deliveredCount;
+}
+
+ApplyPlan TaskManagerWindow::LastApplyPlan() const {
+    return impl_->lastPlan;
+}
+
+const HistoryStore& TaskManagerWindow::History() const {
+    return impl_->history;
+}
+
+const core::Settings& TaskManagerWindow::CurrentSettings() const {
+    return impl_->settings;
+}
+
+bool TaskManagerWindow::event(QEvent* event) {
+    if (event->type() == SnapshotMailbox::DeliveryEventType()) {
+        impl_->Deliver();
+        return true;
+    }
+    return QMainWindow::event(event);
+}
+
+void TaskManagerWindow::closeEvent(QCloseEvent* event) {
+    if (!impl_->closeClaim.TryClaim()) {
+        QMainWindow::closeEvent(event);  // the teardown has run already
+        return;
+    }
+    impl_->RememberGeometry();
+    impl_->Teardown();
+    QMainWindow::closeEvent(event);
+    impl_->SaveSettingsAtExit();
+}
+
+void TaskManagerWindow::keyPressEvent(QKeyEvent* event) {
+    if (event->key() == Qt::Key_F5) {
+        // Holding F5 samples as fast as delivery allows; the key's own repeats add nothing.
+        if (!event->isAutoRepeat()) {
+            impl_->refreshKeyHeld = true;
+            RequestSample();
+        }
+        event->accept();
+        return;
+    }
+    QMainWindow::keyPressEvent(event);
+}
+
+void TaskManagerWindow::keyReleaseEvent(QKeyEvent* event) {
+    if (event->key() == Qt::Key_F5) {
+        if (!event->isAutoRepeat()) {
+            impl_->refreshKeyHeld = false;
+        }
+        event->accept();
+        return;
+    }
+    QMainWindow::keyReleaseEvent(event);
+}
+
+}  // namespace korv::host::linux_client
