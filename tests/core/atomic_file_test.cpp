@@ -11,6 +11,8 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+
+#include "tests/core/temp_folder_test_base.h"
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -20,30 +22,14 @@ namespace {
 
 namespace fs = std::filesystem;
 
-class AtomicFileTest : public ::testing::Test {
+class AtomicFileTest : public TempFolderTest {
 protected:
+    AtomicFileTest() : TempFolderTest("korv-atomic") {}
+
     void SetUp() override
     {
-        std::string pattern = (fs::path(::testing::TempDir()) / "korv-atomic-XXXXXX").native();
-        ASSERT_NE(::mkdtemp(pattern.data()), nullptr) << std::generic_category().message(errno);
-        dir = pattern;
+        TempFolderTest::SetUp();
         target = dir / "data.json";
-    }
-
-    void TearDown() override
-    {
-        std::error_code ignored;
-        fs::permissions(dir, fs::perms::owner_all, ignored);
-        fs::remove_all(dir, ignored);
-    }
-
-    std::set<std::string> Names() const
-    {
-        std::set<std::string> names;
-        for (const auto& entry : fs::directory_iterator(dir)) {
-            names.insert(entry.path().filename().native());
-        }
-        return names;
     }
 
     void Touch(const std::string& name, const std::string& text = "x") const
@@ -51,7 +37,6 @@ protected:
         std::ofstream(dir / name) << text;
     }
 
-    fs::path dir;
     fs::path target;
 };
 

@@ -15,6 +15,8 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+
+#include "tests/core/temp_folder_test_base.h"
 #include <poll.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -75,30 +77,14 @@ std::optional<std::string> RunUnprivileged(const std::function<std::string()>& w
     return text;
 }
 
-class SettingsStoreTest : public ::testing::Test {
+class SettingsStoreTest : public TempFolderTest {
 protected:
+    SettingsStoreTest() : TempFolderTest("korv-settings") {}
+
     void SetUp() override
     {
-        std::string pattern = (fs::path(::testing::TempDir()) / "korv-settings-XXXXXX").native();
-        ASSERT_NE(::mkdtemp(pattern.data()), nullptr) << std::generic_category().message(errno);
-        dir = pattern;
+        TempFolderTest::SetUp();
         file = dir / "settings.json";
-    }
-
-    void TearDown() override
-    {
-        std::error_code ignored;
-        fs::permissions(dir, fs::perms::owner_all, ignored);
-        fs::remove_all(dir, ignored);
-    }
-
-    std::set<std::string> Names() const
-    {
-        std::set<std::string> names;
-        for (const auto& entry : fs::directory_iterator(dir)) {
-            names.insert(entry.path().filename().native());
-        }
-        return names;
     }
 
     // A file that was read but refused is moved aside whole, and nothing else happens to the folder.
@@ -113,7 +99,6 @@ protected:
         EXPECT_EQ(Names().size(), 1u);
     }
 
-    fs::path dir;
     fs::path file;
 };
 
