@@ -1,4 +1,5 @@
 #include "providers/linux_process_actions.h"
+#include "tests/providers/unprivileged_helper.h"
 
 #include "core/process_action_executor.h"
 #include "providers/proc_pid_stat.h"
@@ -37,8 +38,8 @@ using core::ProcessActionKind;
 using core::ProcessKey;
 
 constexpr auto kPatience = std::chrono::seconds(30);
-constexpr uid_t kNobody = 65534;
-constexpr gid_t kNogroup = 65534;
+using test_support::kNobody;
+using test_support::kNogroup;
 
 std::optional<ParsedProcStat> Stat(pid_t pid) { return ReadProcPidStat("/proc", static_cast<std::uint32_t>(pid)).stat; }
 
@@ -630,36 +631,15 @@ struct HelperReport {
     std::array<char, 64> textId{};
 };
 
-// Forks a helper that gives up root for nobody (and a nice limit of 0, so that no lowering is
-// allowed), runs the body there and sends its result back through a pipe. The tests run as root,
-// so this is how a user without CAP_SYS_NICE or CAP_KILL is reached.
 std::optional<HelperReport> RunUnprivileged(const std::function<ActionResult()>& body) {
-    int fds[2];
-    if (::pipe(fds) != 0) return std::nullopt;
-    const pid_t helper = ::fork();
-    if (helper < 0) return std::nullopt;
-    if (helper == 0) {
-        ::close(fds[0]);
-        HelperReport report;
-        const rlimit noNice{0, 0};
-        report.dropped = ::setrlimit(RLIMIT_NICE, &noNice) == 0 && ::setgroups(0, nullptr) == 0 &&
-                         ::setgid(kNogroup) == 0 && ::setuid(kNobody) == 0 && ::geteuid() == kNobody;
-        if (report.dropped) {
+    return test_support::RunAsNobody<HelperReport>(
+        [&](HelperReport& report) {
             const ActionResult result = body();
             report.status = static_cast<std::int32_t>(result.status);
             report.errorNumber = result.errorNumber;
             std::strncpy(report.textId.data(), result.textId.c_str(), report.textId.size() - 1);
-        }
-        const ssize_t written = ::write(fds[1], &report, sizeof(report));
-        ::_exit(written == static_cast<ssize_t>(sizeof(report)) ? 0 : 1);
-    }
-    ::close(fds[1]);
-    HelperReport report;
-    const ssize_t got = ::read(fds[0], &report, sizeof(report));
-    ::close(fds[0]);
-    ::waitpid(helper, nullptr, 0);
-    if (got != static_cast<ssize_t>(sizeof(report))) return std::nullopt;
-    return report;
+        },
+        true);
 }
 
 TEST(UnprivilegedActionTest, DecreasingNiceWithoutCapabilityIsAccessDenied) {

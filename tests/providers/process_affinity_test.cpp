@@ -1,4 +1,5 @@
 #include "providers/process_affinity.h"
+#include "tests/providers/unprivileged_helper.h"
 
 #include "providers/bounded_read.h"
 #include "providers/proc_pid_stat.h"
@@ -27,8 +28,8 @@ namespace {
 
 using core::ProcessKey;
 
-constexpr uid_t kNobody = 65534;
-constexpr gid_t kNogroup = 65534;
+using test_support::kNobody;
+using test_support::kNogroup;
 constexpr int kExtraThreads = 3;
 
 void* PauseForever(void* announceFd) {
@@ -245,34 +246,15 @@ struct HelperReport {
     std::array<char, 96> message{};
 };
 
-// Forks a helper that runs as nobody, applies the mask to the target and reports through a pipe.
+// A helper running as nobody applies the mask to the target and reports back.
 std::optional<HelperReport> SetAffinityUnprivileged(const ProcessKey& target, std::uint64_t mask) {
-    int fds[2];
-    if (::pipe(fds) != 0) return std::nullopt;
-    const pid_t helper = ::fork();
-    if (helper < 0) return std::nullopt;
-    if (helper == 0) {
-        ::close(fds[0]);
-        HelperReport report;
-        report.dropped = ::setgroups(0, nullptr) == 0 && ::setgid(kNogroup) == 0 && ::setuid(kNobody) == 0 &&
-                         ::geteuid() == kNobody;
-        if (report.dropped) {
-            const AffinityResult result = SetProcessAffinity({}, target, mask);
-            report.ok = result.ok;
-            report.applied = result.applied;
-            report.threads = result.threads;
-            std::strncpy(report.message.data(), result.message.c_str(), report.message.size() - 1);
-        }
-        const ssize_t written = ::write(fds[1], &report, sizeof(report));
-        ::_exit(written == static_cast<ssize_t>(sizeof(report)) ? 0 : 1);
-    }
-    ::close(fds[1]);
-    HelperReport report;
-    const ssize_t got = ::read(fds[0], &report, sizeof(report));
-    ::close(fds[0]);
-    ::waitpid(helper, nullptr, 0);
-    if (got != static_cast<ssize_t>(sizeof(report))) return std::nullopt;
-    return report;
+    return test_support::RunAsNobody<HelperReport>([&](HelperReport& report) {
+        const AffinityResult result = SetProcessAffinity({}, target, mask);
+        report.ok = result.ok;
+        report.applied = result.applied;
+        report.threads = result.threads;
+        std::strncpy(report.message.data(), result.message.c_str(), report.message.size() - 1);
+    });
 }
 
 TEST_F(ProcessAffinityTest, AnotherUsersProcessIsAccessDenied) {
