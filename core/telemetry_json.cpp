@@ -1,33 +1,27 @@
 #include "core/telemetry_json.h"
 
+#include "core/json_members.h"
+
 namespace korv::core {
 
 void WriteTelemetryFrame(JsonWriter& writer, const HardwareTelemetryFrame& frame) {
     writer.BeginObject();
-    writer.Key("generation");
-    writer.Unsigned(frame.generation);
-    writer.Key("monotonicNs");
-    writer.Unsigned(frame.monotonicNs);
+    WriteMember(writer, "generation", frame.generation);
+    WriteMember(writer, "monotonicNs", frame.monotonicNs);
 
     writer.Key("devices");
     writer.BeginArray();
     for (const auto& device : frame.devices) {
         writer.BeginObject();
-        writer.Key("id");
-        writer.String(device.id);
-        writer.Key("kind");
-        writer.String(ToString(device.kind));
-        writer.Key("displayName");
-        writer.String(device.displayName);
-        writer.Key("legacyPersistentId");
-        writer.String(device.legacyPersistentId);
-        writer.Key("appearanceGeneration");
-        writer.String(device.appearanceGeneration);
+        WriteMember(writer, "id", device.id);
+        WriteMember(writer, "kind", ToString(device.kind));
+        WriteMember(writer, "displayName", device.displayName);
+        WriteMember(writer, "legacyPersistentId", device.legacyPersistentId);
+        WriteMember(writer, "appearanceGeneration", device.appearanceGeneration);
         writer.Key("properties");
         writer.BeginObject();
         for (const auto& [name, value] : device.properties) {
-            writer.Key(name);
-            writer.String(value);
+            WriteMember(writer, name, value);
         }
         writer.EndObject();
         writer.EndObject();
@@ -38,30 +32,19 @@ void WriteTelemetryFrame(JsonWriter& writer, const HardwareTelemetryFrame& frame
     writer.BeginArray();
     for (const auto& metric : frame.metrics) {
         writer.BeginObject();
-        writer.Key("id");
-        writer.String(metric.id);
-        writer.Key("deviceId");
-        writer.String(metric.deviceId);
-        writer.Key("displayName");
-        writer.String(metric.displayName);
-        writer.Key("sourceName");
-        writer.String(metric.sourceName);
-        writer.Key("category");
-        writer.String(ToString(metric.category));
-        writer.Key("unit");
-        writer.String(ToString(metric.unit));
-        writer.Key("kind");
-        writer.String(ToString(metric.kind));
-        writer.Key("provenance");
-        writer.String(ToString(metric.provenance));
-        writer.Key("availability");
-        writer.String(ToString(metric.availability));
+        WriteMember(writer, "id", metric.id);
+        WriteMember(writer, "deviceId", metric.deviceId);
+        WriteMember(writer, "displayName", metric.displayName);
+        WriteMember(writer, "sourceName", metric.sourceName);
+        WriteMember(writer, "category", ToString(metric.category));
+        WriteMember(writer, "unit", ToString(metric.unit));
+        WriteMember(writer, "kind", ToString(metric.kind));
+        WriteMember(writer, "provenance", ToString(metric.provenance));
+        WriteMember(writer, "availability", ToString(metric.availability));
         if (metric.numericValue) {
-            writer.Key("value");
-            writer.Double(*metric.numericValue);
+            WriteMember(writer, "value", *metric.numericValue);
         } else if (metric.textValue) {
-            writer.Key("value");
-            writer.String(*metric.textValue);
+            WriteMember(writer, "value", *metric.textValue);
         }
         writer.EndObject();
     }

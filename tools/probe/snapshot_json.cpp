@@ -1,7 +1,10 @@
 #include "tools/probe/snapshot_json.h"
 
+#include "core/json_members.h"
 #include "core/snapshot_metrics.h"
 #include "core/telemetry_json.h"
+
+#include "core/json_members.h"
 
 #include <string>
 
@@ -9,13 +12,13 @@ namespace korv::probe {
 namespace {
 
 using core::JsonWriter;
+using core::WriteMember;
 
 template <typename T>
 void WriteMetric(JsonWriter& w, std::string_view name, const core::Metric<T>& metric) {
     w.Key(name);
     w.BeginObject();
-    w.Key("availability");
-    w.String(core::ToString(metric.availability));
+    WriteMember(w, "availability", core::ToString(metric.availability));
     if (metric.value) {
         w.Key("value");
         if constexpr (std::is_same_v<T, std::string>) {
@@ -29,8 +32,7 @@ void WriteMetric(JsonWriter& w, std::string_view name, const core::Metric<T>& me
         }
     }
     if (!metric.source.empty()) {
-        w.Key("source");
-        w.String(metric.source);
+        WriteMember(w, "source", metric.source);
     }
     w.EndObject();
 }
@@ -38,10 +40,8 @@ void WriteMetric(JsonWriter& w, std::string_view name, const core::Metric<T>& me
 void WriteKey(JsonWriter& w, std::string_view name, const core::ProcessKey& key) {
     w.Key(name);
     w.BeginObject();
-    w.Key("pid");
-    w.Unsigned(key.pid);
-    w.Key("startTime");
-    w.Unsigned(key.startTime);
+    WriteMember(w, "pid", key.pid);
+    WriteMember(w, "startTime", key.startTime);
     w.EndObject();
 }
 
@@ -49,18 +49,12 @@ void WriteProcess(JsonWriter& w, const core::ProcessSnapshot& p) {
     w.BeginObject();
     WriteKey(w, "key", p.key);
     WriteKey(w, "parentKey", p.parentKey);
-    w.Key("name");
-    w.String(p.name);
-    w.Key("executablePath");
-    w.String(p.executablePath);
-    w.Key("userName");
-    w.String(p.userName);
-    w.Key("state");
-    w.String(core::ToString(p.state));
-    w.Key("group");
-    w.String(core::ToString(p.group));
-    w.Key("applicationKey");
-    w.String(p.applicationKey);
+    WriteMember(w, "name", p.name);
+    WriteMember(w, "executablePath", p.executablePath);
+    WriteMember(w, "userName", p.userName);
+    WriteMember(w, "state", core::ToString(p.state));
+    WriteMember(w, "group", core::ToString(p.group));
+    WriteMember(w, "applicationKey", p.applicationKey);
     WriteMetric(w, "cpuPercent", p.cpuPercent);
     WriteMetric(w, "workingSetBytes", p.workingSetBytes);
     WriteMetric(w, "peakWorkingSetBytes", p.peakWorkingSetBytes);
@@ -140,32 +134,22 @@ void WriteSystemMetrics(JsonWriter& w, const core::SystemSnapshot& s) {
 
 void WriteSnapshot(JsonWriter& w, const core::SystemSnapshot& s) {
     w.BeginObject();
-    w.Key("schemaVersion");
-    w.Unsigned(s.schemaVersion);
-    w.Key("generation");
-    w.Unsigned(s.generation);
-    w.Key("monotonicNs");
-    w.Unsigned(s.monotonicNs);
-    w.Key("wallClockNs");
-    w.Unsigned(s.wallClockNs);
-    w.Key("cadenceNs");
-    w.Unsigned(s.cadenceNs);
-    w.Key("elapsedNs");
-    w.Unsigned(s.elapsedNs);
-    w.Key("uptimeNs");
-    w.Unsigned(s.uptimeNs);
-    w.Key("logicalProcessorCount");
-    w.Unsigned(s.logicalProcessorCount);
+    WriteMember(w, "schemaVersion", s.schemaVersion);
+    WriteMember(w, "generation", s.generation);
+    WriteMember(w, "monotonicNs", s.monotonicNs);
+    WriteMember(w, "wallClockNs", s.wallClockNs);
+    WriteMember(w, "cadenceNs", s.cadenceNs);
+    WriteMember(w, "elapsedNs", s.elapsedNs);
+    WriteMember(w, "uptimeNs", s.uptimeNs);
+    WriteMember(w, "logicalProcessorCount", s.logicalProcessorCount);
     WriteSystemMetrics(w, s);
 
     w.Key("logicalProcessors");
     w.BeginArray();
     for (const auto& cpu : s.logicalProcessors) {
         w.BeginObject();
-        w.Key("index");
-        w.Unsigned(cpu.index);
-        w.Key("processorClass");
-        w.String(core::ToString(cpu.processorClass));
+        WriteMember(w, "index", cpu.index);
+        WriteMember(w, "processorClass", core::ToString(cpu.processorClass));
         WriteMetric(w, "numaNode", cpu.numaNode);
         WriteMetric(w, "utilization", cpu.utilization);
         WriteMetric(w, "kernelUtilization", cpu.kernelUtilization);
@@ -184,12 +168,9 @@ void WriteSnapshot(JsonWriter& w, const core::SystemSnapshot& s) {
     for (const auto& exited : s.exitedProcesses) {
         w.BeginObject();
         WriteKey(w, "key", exited.process.key);
-        w.Key("name");
-        w.String(exited.process.name);
-        w.Key("exitedAtNs");
-        w.Unsigned(exited.exitedAtNs);
-        w.Key("exitedGeneration");
-        w.Unsigned(exited.exitedGeneration);
+        WriteMember(w, "name", exited.process.name);
+        WriteMember(w, "exitedAtNs", exited.exitedAtNs);
+        WriteMember(w, "exitedGeneration", exited.exitedGeneration);
         w.EndObject();
     }
     w.EndArray();
@@ -198,24 +179,15 @@ void WriteSnapshot(JsonWriter& w, const core::SystemSnapshot& s) {
     w.BeginArray();
     for (const auto& row : s.providers) {
         w.BeginObject();
-        w.Key("provider");
-        w.String(row.provider);
-        w.Key("state");
-        w.String(core::ToString(row.state));
-        w.Key("lastGoodGeneration");
-        w.Unsigned(row.lastGoodGeneration);
-        w.Key("nativeError");
-        w.Integer(row.nativeError);
-        w.Key("consecutiveFailures");
-        w.Unsigned(row.consecutiveFailures);
-        w.Key("sampleDurationNs");
-        w.Unsigned(row.sampleDurationNs);
-        w.Key("droppedEvents");
-        w.Unsigned(row.droppedEvents);
-        w.Key("dataAgeNs");
-        w.Unsigned(row.dataAgeNs);
-        w.Key("diagnostic");
-        w.String(row.diagnostic);
+        WriteMember(w, "provider", row.provider);
+        WriteMember(w, "state", core::ToString(row.state));
+        WriteMember(w, "lastGoodGeneration", row.lastGoodGeneration);
+        WriteMember(w, "nativeError", row.nativeError);
+        WriteMember(w, "consecutiveFailures", row.consecutiveFailures);
+        WriteMember(w, "sampleDurationNs", row.sampleDurationNs);
+        WriteMember(w, "droppedEvents", row.droppedEvents);
+        WriteMember(w, "dataAgeNs", row.dataAgeNs);
+        WriteMember(w, "diagnostic", row.diagnostic);
         w.EndObject();
     }
     w.EndArray();
@@ -225,10 +197,8 @@ void WriteSnapshot(JsonWriter& w, const core::SystemSnapshot& s) {
     for (const auto& [key, row] : s.capabilities) {
         w.Key(key);
         w.BeginObject();
-        w.Key("support");
-        w.String(core::ToString(row.support));
-        w.Key("description");
-        w.String(row.description);
+        WriteMember(w, "support", core::ToString(row.support));
+        WriteMember(w, "description", row.description);
         w.EndObject();
     }
     w.EndObject();
