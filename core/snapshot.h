@@ -156,7 +156,8 @@ struct DiskBlock {
     Metric<bool> rotational;
     Metric<std::uint64_t> logicalBlockSize;
     Metric<std::string> scheduler;
-    Metric<std::string> description;
+    Metric<std::string> description;  // the drive's model
+    std::string blockName;            // kernel name, e.g. "nvme0n1"
 };
 
 struct NetworkBlock {
@@ -174,6 +175,13 @@ struct NetworkBlock {
     Metric<std::uint64_t> mtu;
     Metric<std::string> state;
     Metric<std::uint64_t> linkBitsPerSecond;
+    Metric<std::uint64_t> receivedPacketsTotal;
+    Metric<std::uint64_t> sentPacketsTotal;
+    Metric<double> receivePacketsPerSecond;
+    Metric<double> sendPacketsPerSecond;
+    Metric<std::string> hardwareAddress;
+    Metric<bool> primary;  // carries the default IPv4 or IPv6 source address
+    std::string lowerDevice;  // the interface a bond or VLAN sits on, if any
 };
 
 struct EngineUtilization {
@@ -201,6 +209,13 @@ struct GpuBlock {
     Metric<std::string> vulkanVersion;
     Metric<std::string> link;
     Metric<std::string> bus;
+    Metric<std::string> vendor;
+    Metric<std::string> driver;
+    Metric<std::string> driverVersion;
+    Metric<double> memoryControllerPercent;
+    Metric<std::uint64_t> sharedInUseMemoryBytes;  // GTT in use
+    Metric<double> hotspotTemperatureCelsius;      // gpu.temperature.hotspot_c
+    Metric<double> socTemperatureCelsius;          // gpu.temperature.soc_c
     std::vector<EngineUtilization> engines;
 };
 

@@ -127,6 +127,12 @@ void ForEachMetric(D& d, Visit&& visit)
     visit(net.mtu, false);
     visit(net.state, false);
     visit(net.linkBitsPerSecond, false);
+    visit(net.receivedPacketsTotal, false);
+    visit(net.sentPacketsTotal, false);
+    visit(net.receivePacketsPerSecond, false);
+    visit(net.sendPacketsPerSecond, false);
+    visit(net.hardwareAddress, false);
+    visit(net.primary, false);
 
     auto& gpu = d.gpu;
     visit(gpu.utilizationPercent, true);
@@ -148,6 +154,13 @@ void ForEachMetric(D& d, Visit&& visit)
     visit(gpu.vulkanVersion, false);
     visit(gpu.link, false);
     visit(gpu.bus, false);
+    visit(gpu.vendor, false);
+    visit(gpu.driver, false);
+    visit(gpu.driverVersion, false);
+    visit(gpu.memoryControllerPercent, true);
+    visit(gpu.sharedInUseMemoryBytes, false);
+    visit(gpu.hotspotTemperatureCelsius, false);
+    visit(gpu.socTemperatureCelsius, false);
     for (auto& engine : gpu.engines) visit(engine.utilizationPercent, true);
 
     auto& npu = d.npu;
