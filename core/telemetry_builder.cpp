@@ -14,6 +14,11 @@ struct Entry {
     MetricKind kind = MetricKind::gauge;
 };
 
+// The vendor library is a more direct source than sysfs; everything else here comes from the kernel.
+ProvenanceTier ProvenanceFor(std::string_view source) noexcept {
+    return source == "linux.gpu.nvml" ? ProvenanceTier::officialVendorApi : ProvenanceTier::nativeOs;
+}
+
 class FrameBuilder {
 public:
     explicit FrameBuilder(HardwareTelemetryFrame& frame) : frame_(frame) {}
@@ -42,7 +47,7 @@ public:
         out.category = entry.category;
         out.unit = entry.unit;
         out.kind = entry.kind;
-        out.provenance = ProvenanceTier::nativeOs;
+        out.provenance = ProvenanceFor(metric.source);
         out.availability = metric.availability;
         if (metric.value && CarriesValue(metric.availability)) {
             if constexpr (std::is_same_v<T, std::string>) {
@@ -165,6 +170,10 @@ constexpr Entry kGpuMemClockMax{"gpu.clock.memory_maximum_hz", "Maximum memory c
 constexpr Entry kGpuPower{"gpu.power.board_w", "Board power", MetricCategory::powers, MetricUnit::watts};
 constexpr Entry kGpuPowerLimit{"gpu.power.board_limit_w", "Enforced power limit", MetricCategory::powers,
                                MetricUnit::watts, MetricKind::policyValue};
+constexpr Entry kGpuHotspot{"gpu.temperature.hotspot_c", "GPU hotspot temperature", MetricCategory::temperatures,
+                             MetricUnit::celsius};
+constexpr Entry kGpuSoc{"gpu.temperature.soc_c", "GPU SoC temperature", MetricCategory::temperatures,
+                        MetricUnit::celsius};
 constexpr Entry kGpuTemp{"gpu.temperature.main_c", "GPU temperature", MetricCategory::temperatures, MetricUnit::celsius};
 constexpr Entry kGpuEncode{"gpu.video_encode.utilization_pct", "Video encode", MetricCategory::utilization,
                            MetricUnit::percent};
@@ -175,6 +184,8 @@ constexpr Entry kLocalUsed{"accelerator.memory.local.resident_bytes", "Dedicated
                            MetricUnit::bytes};
 constexpr Entry kLocalCapacity{"accelerator.memory.local.capacity_bytes", "Dedicated memory capacity",
                                MetricCategory::memory, MetricUnit::bytes, MetricKind::staticProperty};
+constexpr Entry kSharedUsed{"accelerator.memory.nonlocal.resident_bytes", "Shared memory used", MetricCategory::memory,
+                             MetricUnit::bytes};
 constexpr Entry kSharedCapacity{"accelerator.memory.nonlocal.capacity_bytes", "Shared memory capacity",
                                 MetricCategory::memory, MetricUnit::bytes, MetricKind::staticProperty};
 
@@ -302,6 +313,10 @@ HardwareTelemetryFrame BuildTelemetryFrame(const SystemSnapshot& s) {
         TelemetryDevice& entry = builder.Device(id, TelemetryDeviceKind::networkInterface, device.displayName);
         AddProperty(entry, "interfaceName", n.interfaceName);
         AddProperty(entry, "type", n.type);
+        AddProperty(entry, "hardwareAddress", n.hardwareAddress);
+        AddProperty(entry, "state", n.state);
+        AddProperty(entry, "primary", n.primary);
+        if (!n.lowerDevice.empty()) entry.properties.emplace_back("lowerDevice", n.lowerDevice);
         builder.Add(id, kNetRx, n.receiveBytesPerSecond);
         builder.Add(id, kNetTx, n.sendBytesPerSecond);
         builder.Add(id, kNetRxTotal, n.receivedBytesTotal);
@@ -328,7 +343,12 @@ HardwareTelemetryFrame BuildTelemetryFrame(const SystemSnapshot& s) {
         if (device.kind != DeviceKind::gpu) continue;
         const auto& g = device.gpu;
         const std::string id = "gpu:" + device.id;
-        builder.Device(id, TelemetryDeviceKind::gpu, device.displayName);
+        TelemetryDevice& entry = builder.Device(id, TelemetryDeviceKind::gpu, device.displayName);
+        AddProperty(entry, "vendor", g.vendor);
+        AddProperty(entry, "driver", g.driver);
+        AddProperty(entry, "driverVersion", g.driverVersion);
+        AddProperty(entry, "pciSlot", g.bus);
+        AddProperty(entry, "link", g.link);
         builder.Add(id, kGpuUtil, g.utilizationPercent);
         builder.Add(id, kGpuClock, g.clockHz);
         builder.Add(id, kGpuClockMax, g.maximumClockHz);
@@ -337,10 +357,13 @@ HardwareTelemetryFrame BuildTelemetryFrame(const SystemSnapshot& s) {
         builder.Add(id, kGpuPower, g.powerWatts);
         builder.Add(id, kGpuPowerLimit, g.powerLimitWatts);
         builder.Add(id, kGpuTemp, g.temperatureCelsius);
+        builder.Add(id, kGpuHotspot, g.hotspotTemperatureCelsius);
+        builder.Add(id, kGpuSoc, g.socTemperatureCelsius);
         builder.Add(id, kGpuEncode, g.videoEncodePercent);
         builder.Add(id, kGpuDecode, g.videoDecodePercent);
         builder.Add(id, kLocalUsed, g.inUseMemoryBytes);
         builder.Add(id, kLocalCapacity, g.dedicatedMemoryBytes);
+        builder.Add(id, kSharedUsed, g.sharedInUseMemoryBytes);
         builder.Add(id, kSharedCapacity, g.sharedMemoryBytes);
         AddEngines(builder, id, g.engines);
     }
@@ -362,6 +385,8 @@ HardwareTelemetryFrame BuildTelemetryFrame(const SystemSnapshot& s) {
         TelemetryDevice& entry = builder.Device(id, TelemetryDeviceKind::storageDevice, device.displayName);
         AddProperty(entry, "type", d.type);
         AddProperty(entry, "systemDisk", d.systemDisk);
+        AddProperty(entry, "model", d.description);
+        if (!d.blockName.empty()) entry.properties.emplace_back("blockName", d.blockName);
         builder.Add(id, kDiskActivity, d.activePercent);
         builder.Add(id, kDiskRead, d.readBytesPerSecond);
         builder.Add(id, kDiskWrite, d.writeBytesPerSecond);

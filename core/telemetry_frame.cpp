@@ -1,5 +1,6 @@
 #include "core/telemetry_frame.h"
 
+#include <algorithm>
 #include <array>
 #include <cmath>
 #include <cstddef>
@@ -71,6 +72,27 @@ void SetDeviceProperty(TelemetryDevice& device, std::string_view name, std::stri
         }
     }
     device.properties.emplace_back(std::string(name), std::move(value));
+}
+
+void MergeTelemetryFrame(HardwareTelemetryFrame& into, HardwareTelemetryFrame from) {
+    for (auto& device : from.devices) {
+        auto existing = std::find_if(into.devices.begin(), into.devices.end(),
+                                     [&](const TelemetryDevice& d) { return d.id == device.id; });
+        if (existing == into.devices.end()) {
+            into.devices.push_back(std::move(device));
+            continue;
+        }
+        for (auto& [name, value] : device.properties) {
+            const bool known = std::any_of(existing->properties.begin(), existing->properties.end(),
+                                           [&](const auto& property) { return property.first == name; });
+            if (!known) existing->properties.emplace_back(std::move(name), std::move(value));
+        }
+    }
+    std::set<std::pair<std::string, std::string>> present;
+    for (const auto& metric : into.metrics) present.emplace(metric.deviceId, metric.id);
+    for (auto& metric : from.metrics) {
+        if (present.emplace(metric.deviceId, metric.id).second) into.metrics.push_back(std::move(metric));
+    }
 }
 
 bool IsValid(const HardwareTelemetryFrame& frame) {

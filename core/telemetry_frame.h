@@ -78,6 +78,11 @@ struct HardwareTelemetryFrame {
 // Replaces a named property, or appends it when the device has none of that name.
 void SetDeviceProperty(TelemetryDevice& device, std::string_view name, std::string value);
 
+// Adds what `from` holds to `into`: devices whose id `into` lacks (a device already there only takes
+// the properties it does not have), and metrics whose id is not yet on their device. Used to join
+// sensors read before the frame was built from the snapshot.
+void MergeTelemetryFrame(HardwareTelemetryFrame& into, HardwareTelemetryFrame from);
+
 // A frame is valid by itself when device ids are non-empty and unique, every metric names a listed
 // device, no device carries the same metric id twice, and each metric holds a value exactly when its
 // availability carries one (numbers finite, at most one of number and text).

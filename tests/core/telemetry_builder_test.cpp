@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 namespace korv::core {
 namespace {
 
@@ -117,6 +119,36 @@ TEST(TelemetryBuilder, EnginesGetStableIds) {
     const auto* metric = frame.Find("accelerator.engine.video_decode_0.utilization_pct", "gpu:card0");
     ASSERT_NE(metric, nullptr);
     EXPECT_EQ(metric->displayName, "Accelerator engine");
+}
+
+TEST(TelemetryBuilder, GpuIdentityAndVendorProvenance) {
+    SystemSnapshot s = BaseSnapshot();
+    DeviceSnapshot gpu;
+    gpu.kind = DeviceKind::gpu;
+    gpu.id = "linux-drm-pci:0000:03:00.0";
+    gpu.displayName = "Radeon";
+    gpu.gpu.vendor.Set(std::string("AMD"), 9);
+    gpu.gpu.driver.Set(std::string("amdgpu"), 9);
+    gpu.gpu.hotspotTemperatureCelsius.Set(71.0, 9);
+    gpu.gpu.hotspotTemperatureCelsius.source = "linux.gpu.drm";
+    gpu.gpu.sharedInUseMemoryBytes.Set(4096, 9);
+    gpu.gpu.socTemperatureCelsius.MarkMissing(MetricAvailability::unsupported);
+    gpu.gpu.utilizationPercent.Set(40.0, 9);
+    gpu.gpu.utilizationPercent.source = "linux.gpu.nvml";
+    s.devices.push_back(gpu);
+    const HardwareTelemetryFrame frame = BuildTelemetryFrame(s);
+    ASSERT_TRUE(IsValid(frame));
+    const std::string id = "gpu:linux-drm-pci:0000:03:00.0";
+    const TelemetryDevice* device = frame.FindDevice(id);
+    ASSERT_NE(device, nullptr);
+    EXPECT_NE(std::find(device->properties.begin(), device->properties.end(),
+                        std::pair<std::string, std::string>("vendor", "AMD")),
+              device->properties.end());
+    EXPECT_DOUBLE_EQ(*frame.Find("gpu.temperature.hotspot_c", id)->numericValue, 71.0);
+    EXPECT_EQ(frame.Find("gpu.temperature.hotspot_c", id)->provenance, ProvenanceTier::nativeOs);
+    EXPECT_DOUBLE_EQ(*frame.Find("accelerator.memory.nonlocal.resident_bytes", id)->numericValue, 4096.0);
+    EXPECT_EQ(frame.Find("gpu.utilization_pct", id)->provenance, ProvenanceTier::officialVendorApi);
+    EXPECT_EQ(frame.Find("gpu.temperature.soc_c", id), nullptr);
 }
 
 TEST(TelemetrySummary, PrefersCapacityAndUsedOverTotalAndInUse) {

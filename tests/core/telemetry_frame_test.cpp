@@ -144,5 +144,31 @@ TEST(TelemetryFrameTest, FindByIdAndDevice) {
     EXPECT_EQ(frame.FindDevice("net"), nullptr);
 }
 
+TEST(TelemetryFrameTest, MergeAddsOnlyWhatIsMissingAndStaysValid) {
+    HardwareTelemetryFrame into = Frame();
+    HardwareTelemetryFrame from;
+    TelemetryDevice known = Device("net:eth0", TelemetryDeviceKind::networkInterface);
+    known.properties = {{"driver", "virtio_net"}};
+    from.devices.push_back(known);
+    from.devices.push_back(Device("system/hwmon/it8686", TelemetryDeviceKind::other));
+    from.metrics.push_back(Metric("network.rx_bytes_per_second", "net:eth0", MetricAvailability::valid, 999.0));
+    from.metrics.push_back(Metric("hwmon.it8686.fan1", "system/hwmon/it8686", MetricAvailability::valid, 1200.0));
+    from.metrics.push_back(Metric("hwmon.it8686.fan1", "system/hwmon/it8686", MetricAvailability::valid, 1300.0));
+    const std::size_t devicesBefore = into.devices.size();
+    const std::size_t metricsBefore = into.metrics.size();
+
+    MergeTelemetryFrame(into, from);
+
+    EXPECT_TRUE(IsValid(into));
+    EXPECT_EQ(into.devices.size(), devicesBefore + 1);
+    EXPECT_EQ(into.metrics.size(), metricsBefore + 1);
+    EXPECT_EQ(*into.Find("network.rx_bytes_per_second", "net:eth0")->numericValue, 100.0);  // the frame's own wins
+    EXPECT_EQ(*into.Find("hwmon.it8686.fan1")->numericValue, 1200.0);
+    const TelemetryDevice* eth0 = into.FindDevice("net:eth0");
+    ASSERT_NE(eth0, nullptr);
+    ASSERT_EQ(eth0->properties.size(), 1U);
+    EXPECT_EQ(eth0->properties[0].second, "virtio_net");
+}
+
 }  // namespace
 }  // namespace korv::core
