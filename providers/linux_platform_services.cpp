@@ -3,14 +3,21 @@
 #include "core/process_details.h"
 #include "core/telemetry_builder.h"
 #include "providers/capability_table.h"
+#include "providers/collect_budget.h"
 #include "providers/cpu_collector.h"
+#include "providers/disk_collector.h"
+#include "providers/gpu_collector.h"
 #include "providers/linux_process_actions.h"
 #include "providers/memory_collector.h"
+#include "providers/network_collector.h"
 #include "providers/process_collector.h"
 #include "providers/provider_health.h"
+#include "providers/sensor_collector.h"
+#include "providers/smart_reader.h"
 #include "providers/system_metadata.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <ctime>
 #include <limits>
@@ -57,6 +64,31 @@ std::uint64_t Since(std::uint64_t startNs) noexcept {
     return now > startNs ? now - startNs : 0;
 }
 
+// The hwmon chips of GPUs and NVMe drives join the devices the snapshot already lists: a GPU by
+// its PCI directory, a drive by its block device's `device` directory.
+std::vector<SensorOwnerHint> SensorOwnersFor(const std::vector<BlockDeviceRef>& disks,
+                                             const std::vector<std::filesystem::path>& gpuPaths) {
+    std::vector<SensorOwnerHint> owners;
+    for (const auto& disk : disks) {
+        if (disk.devicePath.empty()) continue;
+        owners.push_back({disk.devicePath, "storage:" + disk.deviceId, SensorOwnerKind::storage});
+    }
+    for (const auto& path : gpuPaths) {
+        owners.push_back({path, "gpu:linux-drm-pci:" + path.filename().string(), SensorOwnerKind::gpu});
+    }
+    return owners;
+}
+
+std::vector<SmartDrive> SmartDrivesFor(const std::vector<BlockDeviceRef>& disks) {
+    std::vector<SmartDrive> drives;
+    for (const auto& disk : disks) {
+        // Only drives with a device behind them can answer; device-mapper and md rows cannot.
+        if (disk.devicePath.empty()) continue;
+        drives.push_back({disk.name, "storage:" + disk.deviceId});
+    }
+    return drives;
+}
+
 class LinuxPlatformServices final : public PlatformServices,
                                     public core::ISnapshotSource,
                                     public core::IProcessResolver,
@@ -68,6 +100,11 @@ public:
           memory_(roots_),
           metadata_(roots_),
           processes_(roots_),
+          disks_(roots_),
+          network_(roots_),
+          gpus_(roots_),
+          sensors_(roots_),
+          smart_(roots_),
           capabilities_(InitialCapabilityTable(installedApps_)) {}
 
     core::ISnapshotSource& SnapshotSource() override { return *this; }
@@ -92,6 +129,9 @@ public:
     void ResetBaselines() override {
         cpu_.ResetBaselines();
         processes_.ResetBaselines();
+        disks_.ResetBaselines();
+        network_.ResetBaselines();
+        sensors_.ResetBaselines();
     }
 
     std::shared_ptr<core::SystemSnapshot> Collect(const core::SampleRequest& request) override;
@@ -102,6 +142,11 @@ private:
     MemoryCollector memory_;
     SystemMetadataCollector metadata_;
     ProcessCollector processes_;
+    DiskCollector disks_;
+    NetworkCollector network_;
+    GpuCollector gpus_;
+    SensorCollector sensors_;
+    SmartReader smart_;
     ProviderHealthTracker health_;
     InstalledAppsCapability installedApps_;
 
@@ -156,6 +201,20 @@ std::shared_ptr<core::SystemSnapshot> LinuxPlatformServices::Collect(const core:
     cpu_.FillUtilization(s, ctx);
     if (stop.stop_requested()) return nullptr;
 
+    // 8. Disks, then network interfaces.
+    const StageResult diskStage = disks_.Collect(ctx, s.devices);
+    if (stop.stop_requested()) return nullptr;
+    const StageResult networkStage = network_.Collect(ctx, s.devices);
+    if (stop.stop_requested()) return nullptr;
+
+    // 12. Graphics adapters: DRM sysfs, then the vendor library where one is installed.
+    const GpuStageResult gpuStage = gpus_.Collect(ctx, s.devices);
+    if (auto row = s.capabilities.find("gpu.telemetry"); row != s.capabilities.end()) {
+        row->second.support = gpuStage.capabilitySupport;
+        row->second.description = gpuStage.capabilityText;
+    }
+    if (stop.stop_requested()) return nullptr;
+
     // 13. Health rows.
     s.providers.push_back(health_.Record("linux.process",
                                          {processStage.ok, ProviderHealth::degraded, processStage.message,
@@ -175,9 +234,38 @@ std::shared_ptr<core::SystemSnapshot> LinuxPlatformServices::Collect(const core:
                                               systemDuration, 0},
                                              ctx));
     }
+    s.providers.push_back(health_.Record(
+        "linux.disk",
+        {diskStage.ok, ProviderHealth::degraded, diskStage.message, diskStage.durationNs, diskStage.error}, ctx));
+    s.providers.push_back(health_.Record("linux.network",
+                                         {networkStage.ok, ProviderHealth::degraded, networkStage.message,
+                                          networkStage.durationNs, networkStage.error},
+                                         ctx));
+    s.providers.push_back(health_.Record("linux.gpu.drm",
+                                         {gpuStage.drm.ok, ProviderHealth::unavailable, gpuStage.drm.message,
+                                          gpuStage.drm.durationNs, gpuStage.drm.error},
+                                         ctx));
+    s.providers.push_back(health_.Record("linux.gpu.nvml",
+                                         {gpuStage.nvml.ok, ProviderHealth::unavailable, gpuStage.nvml.message,
+                                          gpuStage.nvml.durationNs, gpuStage.nvml.error},
+                                         ctx));
     if (stop.stop_requested()) return nullptr;
 
-    // 14. The telemetry frame.
+    // 14. The telemetry frame. Sensors go first: the power supplies fill the snapshot's battery and
+    // power fields that the frame is built from; their own sensors join the frame afterwards.
+    const std::vector<SensorOwnerHint> owners = SensorOwnersFor(disks_.Devices(), gpus_.AdapterDevicePaths());
+    core::HardwareTelemetryFrame sensorFrame;
+    const SensorStageResult sensorStage = sensors_.Collect(ctx, owners, sensorFrame, s);
+    for (const auto& [provider, stage] : {std::pair{"linux.hwmon", &sensorStage.hwmon},
+                                          std::pair{"linux.power_supply", &sensorStage.powerSupply},
+                                          std::pair{"linux.powercap", &sensorStage.powercap}}) {
+        // A machine without that sysfs class (a VM has no hwmon) is not a failing provider.
+        const bool ok = stage->ok || stage->error == ENOENT;
+        s.providers.push_back(health_.Record(
+            provider, {ok, ProviderHealth::degraded, stage->message, stage->durationNs, stage->error}, ctx));
+    }
+    if (stop.stop_requested()) return nullptr;
+
     core::HardwareTelemetryFrame frame = core::BuildTelemetryFrame(s);
     for (auto& device : frame.devices) {
         if (device.id != core::kSystemDeviceId) continue;
@@ -185,6 +273,21 @@ std::shared_ptr<core::SystemSnapshot> LinuxPlatformServices::Collect(const core:
         core::SetDeviceProperty(device, "model", "Linux PC");
     }
     cpu_.AppendTelemetry(frame, s);
+    gpus_.AppendTelemetry(frame, s);
+    core::MergeTelemetryFrame(frame, std::move(sensorFrame));
+    if (auto row = s.capabilities.find("thermal.sensors"); row != s.capabilities.end() && sensorStage.anyTemperature) {
+        row->second.support = core::ProviderSupport::supported;
+    }
+    const SmartStageResult smartStage =
+        smart_.Collect(ctx, SmartDrivesFor(disks_.Devices()),
+                       static_cast<std::uint64_t>(DbusBudgetNs(request.intervalNs)), frame);
+    s.providers.push_back(health_.Record("linux.smart",
+                                         {smartStage.result.ok, ProviderHealth::degraded, smartStage.result.message,
+                                          smartStage.result.durationNs, smartStage.result.error},
+                                         ctx));
+    if (auto row = s.capabilities.find("storage.smart"); row != s.capabilities.end()) {
+        row->second.support = smartStage.capability;
+    }
     s.telemetry = std::make_shared<const core::HardwareTelemetryFrame>(std::move(frame));
     if (stop.stop_requested()) return nullptr;
 

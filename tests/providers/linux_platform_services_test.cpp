@@ -58,7 +58,27 @@ TEST(LinuxPlatformServices, RealMachineSnapshotsNeedNoRepairAndCarryTheirRows) {
         EXPECT_TRUE(core::IsCoherent(*snapshot));
     }
 
-    EXPECT_EQ(ProviderNames(*second), (std::vector<std::string>{"linux.cpu", "linux.process", "linux.system"}));
+    EXPECT_EQ(ProviderNames(*second),
+              (std::vector<std::string>{"linux.cpu", "linux.process", "linux.system", "linux.disk", "linux.network",
+                                        "linux.gpu.drm", "linux.gpu.nvml", "linux.hwmon", "linux.power_supply",
+                                        "linux.powercap", "linux.smart"}));
+    // This machine's disk and interface are listed, each once, and reach the telemetry frame.
+    std::size_t disks = 0;
+    std::size_t interfaces = 0;
+    for (const auto& device : second->devices) {
+        if (device.kind == core::DeviceKind::disk) {
+            ++disks;
+            EXPECT_NE(second->telemetry->FindDevice("storage:" + device.id), nullptr) << device.id;
+        }
+        if (device.kind == core::DeviceKind::network) {
+            ++interfaces;
+            EXPECT_NE(device.displayName, "lo");
+            EXPECT_NE(second->telemetry->FindDevice("network:" + device.id), nullptr) << device.id;
+        }
+    }
+    EXPECT_GE(disks, 1u);
+    EXPECT_GE(interfaces, 1u);
+    EXPECT_TRUE(core::IsValid(*second->telemetry));
     EXPECT_EQ(second->generation, 2u);
     EXPECT_GT(second->uptimeNs, 0u);
     EXPECT_GT(second->wallClockNs, 0u);

@@ -54,7 +54,11 @@ TEST(ProbeTool, PrintsTheLastSnapshotAsOneJsonDocument) {
     for (const core::JsonValue& row : root.Find("providers")->Items()) {
         providers.emplace_back(row.Find("provider")->AsString());
     }
-    EXPECT_EQ(providers, (std::vector<std::string>{"linux.cpu", "linux.process", "linux.system", "sampling-engine"}));
+    EXPECT_EQ(providers, (std::vector<std::string>{"linux.cpu", "linux.process", "linux.system", "linux.disk",
+                                                   "linux.network", "linux.gpu.drm", "linux.gpu.nvml", "linux.hwmon",
+                                                   "linux.power_supply", "linux.powercap", "linux.smart",
+                                                   "sampling-engine"}));
+    EXPECT_GT(root.Find("devices")->Size(), 0u);
     EXPECT_EQ(root.Find("capabilities")->Size(), 24u);
     ASSERT_TRUE(root.Find("telemetry")->IsObject());
     EXPECT_GT(root.Find("telemetry")->Find("metrics")->Size(), 0u);

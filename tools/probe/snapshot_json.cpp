@@ -78,6 +78,79 @@ void WriteProcess(JsonWriter& w, const core::ProcessSnapshot& p) {
     w.EndObject();
 }
 
+void WriteDevice(JsonWriter& w, const core::DeviceSnapshot& d) {
+    w.BeginObject();
+    WriteMember(w, "kind", core::ToString(d.kind));
+    WriteMember(w, "id", d.id);
+    WriteMember(w, "displayName", d.displayName);
+    switch (d.kind) {
+    case core::DeviceKind::disk: {
+        const auto& k = d.disk;
+        WriteMember(w, "blockName", k.blockName);
+        WriteMetric(w, "description", k.description);
+        WriteMetric(w, "type", k.type);
+        WriteMetric(w, "capacityBytes", k.capacityBytes);
+        WriteMetric(w, "systemDisk", k.systemDisk);
+        WriteMetric(w, "rotational", k.rotational);
+        WriteMetric(w, "logicalBlockSize", k.logicalBlockSize);
+        WriteMetric(w, "scheduler", k.scheduler);
+        WriteMetric(w, "activePercent", k.activePercent);
+        WriteMetric(w, "averageResponseMs", k.averageResponseMs);
+        WriteMetric(w, "readBytesPerSecond", k.readBytesPerSecond);
+        WriteMetric(w, "writeBytesPerSecond", k.writeBytesPerSecond);
+        WriteMetric(w, "readBytesTotal", k.readBytesTotal);
+        WriteMetric(w, "writeBytesTotal", k.writeBytesTotal);
+        break;
+    }
+    case core::DeviceKind::network: {
+        const auto& n = d.network;
+        WriteMetric(w, "interfaceName", n.interfaceName);
+        WriteMetric(w, "type", n.type);
+        WriteMetric(w, "hardware", n.hardware);
+        WriteMetric(w, "hardwareAddress", n.hardwareAddress);
+        WriteMetric(w, "state", n.state);
+        WriteMetric(w, "mtu", n.mtu);
+        WriteMetric(w, "linkBitsPerSecond", n.linkBitsPerSecond);
+        WriteMetric(w, "primary", n.primary);
+        WriteMember(w, "lowerDevice", n.lowerDevice);
+        WriteMetric(w, "ipv4Addresses", n.ipv4Addresses);
+        WriteMetric(w, "ipv6Addresses", n.ipv6Addresses);
+        WriteMetric(w, "receiveBytesPerSecond", n.receiveBytesPerSecond);
+        WriteMetric(w, "sendBytesPerSecond", n.sendBytesPerSecond);
+        WriteMetric(w, "receivedBytesTotal", n.receivedBytesTotal);
+        WriteMetric(w, "sentBytesTotal", n.sentBytesTotal);
+        WriteMetric(w, "receivePacketsPerSecond", n.receivePacketsPerSecond);
+        WriteMetric(w, "sendPacketsPerSecond", n.sendPacketsPerSecond);
+        break;
+    }
+    case core::DeviceKind::gpu: {
+        const auto& g = d.gpu;
+        WriteMetric(w, "vendor", g.vendor);
+        WriteMetric(w, "driver", g.driver);
+        WriteMetric(w, "driverVersion", g.driverVersion);
+        WriteMetric(w, "bus", g.bus);
+        WriteMetric(w, "link", g.link);
+        WriteMetric(w, "utilizationPercent", g.utilizationPercent);
+        WriteMetric(w, "totalMemoryBytes", g.totalMemoryBytes);
+        WriteMetric(w, "inUseMemoryBytes", g.inUseMemoryBytes);
+        WriteMetric(w, "sharedInUseMemoryBytes", g.sharedInUseMemoryBytes);
+        WriteMetric(w, "clockHz", g.clockHz);
+        WriteMetric(w, "maximumClockHz", g.maximumClockHz);
+        WriteMetric(w, "memoryClockHz", g.memoryClockHz);
+        WriteMetric(w, "powerWatts", g.powerWatts);
+        WriteMetric(w, "powerLimitWatts", g.powerLimitWatts);
+        WriteMetric(w, "temperatureCelsius", g.temperatureCelsius);
+        WriteMetric(w, "hotspotTemperatureCelsius", g.hotspotTemperatureCelsius);
+        WriteMetric(w, "videoEncodePercent", g.videoEncodePercent);
+        WriteMetric(w, "videoDecodePercent", g.videoDecodePercent);
+        break;
+    }
+    default:
+        break;
+    }
+    w.EndObject();
+}
+
 void WriteSystemMetrics(JsonWriter& w, const core::SystemSnapshot& s) {
     w.Key("system");
     w.BeginObject();
@@ -127,6 +200,15 @@ void WriteSystemMetrics(JsonWriter& w, const core::SystemSnapshot& s) {
     WriteMetric(w, "kernelRelease", s.kernelRelease);
     WriteMetric(w, "hostName", s.hostName);
     WriteMetric(w, "systemModel", s.systemModel);
+    WriteMetric(w, "powerSource", s.powerSource);
+    WriteMetric(w, "cpuPowerWatts", s.cpuPowerWatts);
+    WriteMetric(w, "dramPowerWatts", s.dramPowerWatts);
+    WriteMetric(w, "batteryPresent", s.batteryPresent);
+    WriteMetric(w, "batteryChargePercent", s.batteryChargePercent);
+    WriteMetric(w, "batteryCharging", s.batteryCharging);
+    WriteMetric(w, "batteryTimeRemainingSeconds", s.batteryTimeRemainingSeconds);
+    WriteMetric(w, "batteryCycleCount", s.batteryCycleCount);
+    WriteMetric(w, "batteryCondition", s.batteryCondition);
     w.EndObject();
 }
 
@@ -173,6 +255,11 @@ void WriteSnapshot(JsonWriter& w, const core::SystemSnapshot& s) {
         WriteMember(w, "exitedGeneration", exited.exitedGeneration);
         w.EndObject();
     }
+    w.EndArray();
+
+    w.Key("devices");
+    w.BeginArray();
+    for (const auto& device : s.devices) WriteDevice(w, device);
     w.EndArray();
 
     w.Key("providers");
