@@ -241,12 +241,15 @@ std::shared_ptr<core::SystemSnapshot> LinuxPlatformServices::Collect(const core:
                                          {networkStage.ok, ProviderHealth::degraded, networkStage.message,
                                           networkStage.durationNs, networkStage.error},
                                          ctx));
+    // No adapter, or no NVIDIA driver, is how most machines are, not a failing provider.
+    const bool drmOk = gpuStage.drm.ok || gpuStage.drm.error == 0;
+    const bool nvmlOk = gpuStage.nvml.ok || gpuStage.nvml.error == ENOENT;
     s.providers.push_back(health_.Record("linux.gpu.drm",
-                                         {gpuStage.drm.ok, ProviderHealth::unavailable, gpuStage.drm.message,
+                                         {drmOk, ProviderHealth::unavailable, gpuStage.drm.message,
                                           gpuStage.drm.durationNs, gpuStage.drm.error},
                                          ctx));
     s.providers.push_back(health_.Record("linux.gpu.nvml",
-                                         {gpuStage.nvml.ok, ProviderHealth::unavailable, gpuStage.nvml.message,
+                                         {nvmlOk, ProviderHealth::unavailable, gpuStage.nvml.message,
                                           gpuStage.nvml.durationNs, gpuStage.nvml.error},
                                          ctx));
     if (stop.stop_requested()) return nullptr;

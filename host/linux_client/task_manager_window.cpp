@@ -11,6 +11,11 @@
 #include "host/linux_client/navigation_rail.h"
 #include "host/linux_client/page_catalog.h"
 #include "host/linux_client/placeholder_page.h"
+#include "host/linux_client/power_freq_page.h"
+#include "host/linux_client/settings_page.h"
+#include "host/linux_client/summary_page.h"
+#include "host/linux_client/system_info_page.h"
+#include "host/linux_client/unit_formats.h"
 #include "host/linux_client/settings_saver.h"
 #include "host/linux_client/smoke_run.h"
 #include "host/linux_client/snapshot_mailbox.h"
@@ -85,6 +90,10 @@ struct TaskManagerWindow::Impl {
           watchdog(&HardExit, kWatchdogExitCode) {}
 
     void BuildShell();
+    QWidget* CreatePage(int stackIndex, QWidget* parent);
+    PageEnvironment MakePageEnvironment();
+    void OnSettingsChanged();
+    void FeedPage(SnapshotPage* page, bool shouldFeed, const std::shared_ptr<const core::SystemSnapshot>& snapshot);
     void ConnectShell();
     void BuildProcessViewMenu(QMenu& menu) const;
     void ApplyThemeAndTint();
@@ -119,6 +128,11 @@ struct TaskManagerWindow::Impl {
     WindowMenus menus;
     std::unique_ptr<SettingsSaver> saver;
     SmokeRun* smokeRun = nullptr;
+    SummaryPage* summaryPage = nullptr;
+    SystemInfoPage* systemInfoPage = nullptr;
+    PowerFreqPage* powerFreqPage = nullptr;
+    SettingsPage* settingsPage = nullptr;
+    std::vector<SnapshotPage*> snapshotPages;
     core::Theme theme = core::Theme::system;
     DisplayModeChoice displayMode = DisplayModeChoice::color;
 
@@ -171,7 +185,7 @@ void TaskManagerWindow::Impl::BuildShell() {
     stack = new QStackedWidget(content);
     stack->setObjectName(QStringLiteral("PageStack"));
     for (int index = 0; index < kStackPageCount; ++index) {
-        auto* page = new PlaceholderPage(RailLabel(index), stack);
+        QWidget* page = CreatePage(index, stack);
         page->setObjectName(PageName(PageForStackIndex(index)));
         stack->addWidget(page);
     }
@@ -188,9 +202,64 @@ void TaskManagerWindow::Impl::BuildShell() {
 
     // Running a new task belongs to the Processes page, which is not built yet.
     commandBar->RunNewTaskButton()->setEnabled(false);
-    // The Colors panel lives on the Settings page, which is not built yet.
-    rail->ColorsButton()->setEnabled(false);
     commandBar->SetProcessViewBuilder([this](QMenu& menu) { BuildProcessViewMenu(menu); });
+}
+
+PageEnvironment TaskManagerWindow::Impl::MakePageEnvironment() {
+    PageEnvironment environment;
+    environment.settings = &settings;
+    environment.settingsChanged = [this] { OnSettingsChanged(); };
+    environment.history = &history;
+    environment.services = services.get();
+    environment.requestSample = [this] { window.RequestSample(); };
+    environment.showPage = [this](int stackIndex) { SelectStackIndex(stackIndex); };
+    environment.showStatus = [this](const QString& text) { statusBar->ShowSettingsMessage(text); };
+    return environment;
+}
+
+QWidget* TaskManagerWindow::Impl::CreatePage(int stackIndex, QWidget* parent) {
+    SnapshotPage* page = nullptr;
+    switch (stackIndex) {
+    case kSummaryStackIndex:
+        page = summaryPage = new SummaryPage(MakePageEnvironment(), parent);
+        break;
+    case kSystemInfoStackIndex:
+        page = systemInfoPage = new SystemInfoPage(MakePageEnvironment(), parent);
+        break;
+    case kPowerAndFreqStackIndex:
+        page = powerFreqPage = new PowerFreqPage(MakePageEnvironment(), parent);
+        break;
+    case kSettingsStackIndex:
+        page = settingsPage = new SettingsPage(MakePageEnvironment(), parent);
+        break;
+    default:
+        return new PlaceholderPage(RailLabel(stackIndex), parent);
+    }
+    snapshotPages.push_back(page);
+    return page;
+}
+
+// A page changed a preference: everything the window applies is re-read, every page hears of it,
+// and the file is saved on the background worker.
+void TaskManagerWindow::Impl::OnSettingsChanged() {
+    SetTemperatureScale(settings.temperatureUnit == core::TemperatureUnit::fahrenheit ? TemperatureScale::fahrenheit
+                                                                                     : TemperatureScale::celsius);
+    if (const auto mode = DisplayModeFromWord(QString::fromStdString(core::StringPreference(settings, "displayMode", "color")))) {
+        displayMode = *mode;
+    }
+    theme = settings.theme;
+    ApplyThemeAndTint();
+    for (SnapshotPage* page : snapshotPages) {
+        page->SettingsChanged();
+    }
+    SaveSettingsSoon();
+}
+
+void TaskManagerWindow::Impl::FeedPage(SnapshotPage* page, bool shouldFeed,
+                                       const std::shared_ptr<const core::SystemSnapshot>& snapshot) {
+    if (page != nullptr && shouldFeed) {
+        page->ApplySnapshot(snapshot);
+    }
 }
 
 void TaskManagerWindow::Impl::BuildProcessViewMenu(QMenu& menu) const {
@@ -214,6 +283,9 @@ void TaskManagerWindow::Impl::ConnectShell() {
     QObject::connect(rail, &NavigationRail::pageRequested, &window, [this](int index) { SelectStackIndex(index); });
     QObject::connect(rail->SettingsButton(), &QPushButton::clicked, &window,
                      [this] { SelectStackIndex(kSettingsStackIndex); });
+    // The Colors panel is a section of the Settings page.
+    QObject::connect(rail->ColorsButton(), &QPushButton::clicked, &window,
+                     [this] { SelectStackIndex(kSettingsStackIndex); });
     QObject::connect(commandBar->HideSidebarButton(), &QToolButton::clicked, &window,
                      [this] { SetSidebarShown(rail->isHidden()); });
     QObject::connect(commandBar->RefreshButton(), &QPushButton::clicked, &window, [this] { window.RequestSample(); });
@@ -221,6 +293,7 @@ void TaskManagerWindow::Impl::ConnectShell() {
         if (target == QLatin1String(kProviderDiagnosticsLink)) {
             // Provider Diagnostics is a section of the System Info page.
             SelectStackIndex(kSystemInfoStackIndex);
+            systemInfoPage->ShowCategory(QStringLiteral("providers"));
         } else if (target == QLatin1String(kPerformanceNetworkLink)) {
             SelectStackIndex(kPerformanceStackIndex);
         }
@@ -351,6 +424,12 @@ void TaskManagerWindow::Impl::SelectStackIndex(int stackIndex) {
     }
     stack->setCurrentIndex(stackIndex);
     rail->SetCurrentStackIndex(stackIndex);
+    // A page fed only while it can be seen shows the latest sample at once, not at the next tick.
+    if (displaySnapshot != nullptr) {
+        if (auto* page = qobject_cast<SnapshotPage*>(stack->widget(stackIndex))) {
+            page->ApplySnapshot(displaySnapshot);
+        }
+    }
     menus.pages[static_cast<std::size_t>(stackIndex)]->setChecked(true);
 }
 
@@ -390,6 +469,9 @@ void TaskManagerWindow::Impl::ApplySnapshot(const std::shared_ptr<const core::Sy
     context.windowMinimized = window.isMinimized();
     context.currentStackIndex = stack->currentIndex();
     lastPlan = PlanSnapshotApply(context);
+    FeedPage(summaryPage, lastPlan.summaryAndProcesses, snapshot);
+    FeedPage(systemInfoPage, lastPlan.systemInfo, snapshot);
+    FeedPage(powerFreqPage, lastPlan.powerAndFreq, snapshot);
     // 8. The status bar.
     statusBar->ShowSnapshot(*snapshot);
     ++deliveredCount;
