@@ -89,11 +89,12 @@ TEST_F(WindowTest, RailListsTheFifteenPagesInStackOrder) {
         EXPECT_EQ(list->item(row)->text(), expected[row]) << row;
     }
 
-    // Each page of the stack shows its title and nothing else.
+    // A page not built yet shows its title and nothing else.
     auto* stack = window->findChild<QStackedWidget*>(QStringLiteral("PageStack"));
     ASSERT_NE(stack, nullptr);
     ASSERT_EQ(stack->count(), 15);
     for (int index = 0; index < stack->count(); ++index) {
+        if (stack->widget(index)->inherits("korv::host::linux_client::SnapshotPage")) continue;
         const QList<QLabel*> labels = stack->widget(index)->findChildren<QLabel*>();
         ASSERT_EQ(labels.size(), 1) << index;
         EXPECT_EQ(labels.front()->text(), expected[index]);
