@@ -1,0 +1,161 @@
+#include "host/linux_client/process_tree_view.h"
+
+#include "host/linux_client/process_table_columns.h"
+
+#include <QElapsedTimer>
+#include <QHeaderView>
+#include <QKeyEvent>
+#include <QPainter>
+
+#include <algorithm>
+#include <memory>
+#include <vector>
+
+namespace korv::host::linux_client {
+namespace {
+
+constexpr std::string_view kHeaderStateKey = "processesColumnOrder";
+constexpr std::int64_t kTypeAheadPauseMs = 1200;
+
+}  // namespace
+
+ProcessTreeView::ProcessTreeView(QAbstractItemModel& model, core::Settings* settings,
+                                 std::function<void()> settingsChanged, QWidget* parent)
+    : QTreeView(parent), settings_(settings), settingsChanged_(std::move(settingsChanged)) {
+    auto timer = std::make_shared<QElapsedTimer>();
+    timer->start();
+    clock_ = [timer] { return timer->elapsed(); };
+
+    setSelectionBehavior(QAbstractItemView::SelectRows);
+    setSelectionMode(QAbstractItemView::ExtendedSelection);
+    setEditTriggers(QAbstractItemView::NoEditTriggers);
+    setAlternatingRowColors(false);
+    setUniformRowHeights(true);
+    setRootIsDecorated(true);
+    setItemsExpandable(true);
+    setContextMenuPolicy(Qt::CustomContextMenu);
+    setModel(&model);
+
+    QHeaderView* columns = header();
+    columns->setSectionsMovable(true);
+    columns->setFirstSectionMovable(true);
+    columns->setSectionResizeMode(QHeaderView::Interactive);
+    columns->setStretchLastSection(true);
+    columns->setHighlightSections(false);
+    columns->setDefaultAlignment(Qt::AlignLeft | Qt::AlignVCenter);
+    for (int column = 0; column < kProcessTableColumnCount; ++column) {
+        columns->resizeSection(column, ProcessTableColumnInitialWidth(column));
+    }
+    columns->setSortIndicator(static_cast<int>(ProcessTableColumn::memory), Qt::DescendingOrder);
+    RestoreHeaderState();
+    setSortingEnabled(true);
+    connect(columns, &QHeaderView::sectionMoved, this, [this] { SaveHeaderState(); });
+}
+
+ProcessTreeView::~ProcessTreeView() = default;
+
+void ProcessTreeView::SaveHeaderState() {
+    if (settings_ == nullptr) return;
+    const QByteArray state = header()->saveState().toBase64();
+    core::WriteStringPreference(*settings_, kHeaderStateKey, state.toStdString());
+    if (settingsChanged_) settingsChanged_();
+}
+
+bool ProcessTreeView::RestoreHeaderState() {
+    if (settings_ == nullptr) return false;
+    const std::string text = core::StringPreference(*settings_, kHeaderStateKey, "");
+    if (text.empty()) return false;
+    const auto decoded = QByteArray::fromBase64Encoding(QByteArray::fromStdString(text),
+                                                        QByteArray::AbortOnBase64DecodingErrors);
+    if (!decoded) return false;
+    // The header checks the state itself and leaves everything as it was when it is unusable.
+    return header()->restoreState(*decoded);
+}
+
+void ProcessTreeView::DeferLayout() {
+    scheduleDelayedItemsLayout();
+    layoutDeferred_ = true;
+}
+
+bool ProcessTreeView::LayoutPending() const {
+    return layoutDeferred_;
+}
+
+void ProcessTreeView::doItemsLayout() {
+    layoutDeferred_ = false;
+    QTreeView::doItemsLayout();
+}
+
+QString ProcessTreeView::TypeAheadText() const {
+    return typeAhead_;
+}
+
+void ProcessTreeView::SetTypeAheadClock(std::function<std::int64_t()> clock) {
+    clock_ = std::move(clock);
+}
+
+void ProcessTreeView::drawBranches(QPainter* painter, const QRect& rect, const QModelIndex& index) const {
+    const QVariant background = index.sibling(index.row(), 0).data(Qt::BackgroundRole);
+    if (background.canConvert<QBrush>()) painter->fillRect(rect, background.value<QBrush>());
+    QTreeView::drawBranches(painter, rect, index);
+}
+
+void ProcessTreeView::keyPressEvent(QKeyEvent* event) {
+    const Qt::KeyboardModifiers modifiers = event->modifiers() & ~(Qt::ShiftModifier | Qt::KeypadModifier);
+    if (modifiers != Qt::NoModifier) {
+        QTreeView::keyPressEvent(event);
+        return;
+    }
+    const std::int64_t now = clock_();
+    if (now - lastKeyMs_ > kTypeAheadPauseMs) typeAhead_.clear();
+
+    if (event->key() == Qt::Key_Backspace && !typeAhead_.isEmpty()) {
+        typeAhead_.chop(1);
+        lastKeyMs_ = now;
+        event->accept();
+        return;
+    }
+    const QString text = event->text();
+    const bool printable =
+        !text.isEmpty() && std::all_of(text.begin(), text.end(), [](QChar c) { return c.isPrint(); });
+    if (!printable) {
+        QTreeView::keyPressEvent(event);
+        return;
+    }
+    lastKeyMs_ = now;
+    event->accept();
+    if (typeAhead_.isEmpty() && text.trimmed().isEmpty()) return;
+    // The same single character again keeps the buffer, and so steps to the next match.
+    const bool repeat = typeAhead_.size() == 1 && text.compare(typeAhead_, Qt::CaseInsensitive) == 0;
+    if (!repeat) typeAhead_ += text;
+    TypeAheadSearch();
+}
+
+void ProcessTreeView::TypeAheadSearch() {
+    QAbstractItemModel* rows = model();
+    if (rows == nullptr) return;
+    std::vector<QModelIndex> visible;
+    for (QModelIndex row = rows->index(0, 0, rootIndex()); row.isValid(); row = indexBelow(row)) {
+        visible.push_back(row);
+    }
+    if (visible.empty()) return;
+    const QModelIndex current = currentIndex().sibling(currentIndex().row(), 0);
+    const auto found = std::find(visible.begin(), visible.end(), current);
+    // Every visible row once, round from the row behind the current one. A longer text that still
+    // fits the current row keeps it: typing on must not hop between "firefox" and "firefox-bin".
+    std::size_t start = 0;
+    if (found != visible.end()) {
+        start = static_cast<std::size_t>(found - visible.begin());
+        if (typeAhead_.size() == 1) ++start;
+    }
+    for (std::size_t step = 0; step < visible.size(); ++step) {
+        const QModelIndex& candidate = visible[(start + step) % visible.size()];
+        if ((rows->flags(candidate) & Qt::ItemIsSelectable) == 0) continue;
+        if (!rows->data(candidate, kProcessSortRole).toString().startsWith(typeAhead_, Qt::CaseInsensitive)) continue;
+        selectionModel()->setCurrentIndex(candidate, QItemSelectionModel::ClearAndSelect | QItemSelectionModel::Rows);
+        scrollTo(candidate);
+        return;
+    }
+}
+
+}  // namespace korv::host::linux_client
