@@ -315,6 +315,12 @@ void PerformancePage::Impl::ResolveSelection() {
             selectedId.clear();
         }
     }
+    // Opening on an empty pane helps no one: with nothing chosen (or waiting to be), the first row
+    // (the processor) is shown, as a user expects of the page.
+    if (selectedId.isEmpty() && !pendingKind && !specs.empty()) {
+        selectedId = specs.front().id;
+        selectedKind = specs.front().kind;
+    }
     for (PerformanceDeviceRow* row : rows) row->SetSelected(row->Id() == selectedId);
 }
 

@@ -378,6 +378,40 @@ std::vector<ProcessKey> ProcessesPage::SelectedProcessKeys() const {
     return keys;
 }
 
+std::vector<core::ProcessSnapshot> ProcessesPage::SelectedRows() const {
+    std::vector<core::ProcessSnapshot> rows;
+    for (const ProcessKey& key : SelectedProcessKeys()) {
+        if (const core::ProcessSnapshot* record = d_->model->RowSnapshot(d_->model->IndexForKey(key))) {
+            rows.push_back(*record);
+        }
+    }
+    return rows;
+}
+
+ProcessesPage::PointerRows ProcessesPage::RowsAt(const QPoint& viewportPos) {
+    PointerRows result;
+    const QModelIndex proxyRow = d_->view->indexAt(viewportPos);
+    if (!proxyRow.isValid()) return result;
+    const QModelIndex source = d_->proxy->mapToSource(proxyRow.sibling(proxyRow.row(), 0));
+    const std::optional<ProcessKey> key = d_->model->KeyForIndex(source);
+    const core::ProcessSnapshot* record = d_->model->RowSnapshot(source);
+    if (!key || record == nullptr) return result;
+    QItemSelectionModel* selection = d_->view->selectionModel();
+    if (!selection->isRowSelected(proxyRow.row(), proxyRow.parent())) {
+        selection->setCurrentIndex(proxyRow, QItemSelectionModel::ClearAndSelect | QItemSelectionModel::Rows);
+    }
+    result.rows.push_back(*record);
+    result.exited = d_->model->IsExited(source);
+    result.followed = d_->model->FollowedKey() == key;
+    for (const ProcessKey& other : SelectedProcessKeys()) {
+        if (other == *key) continue;
+        if (const core::ProcessSnapshot* row = d_->model->RowSnapshot(d_->model->IndexForKey(other))) {
+            result.rows.push_back(*row);
+        }
+    }
+    return result;
+}
+
 void ProcessesPage::SetFilterText(const QString& text) {
     const QString before = d_->proxy->FilterText();
     d_->proxy->SetFilterText(text);

@@ -40,6 +40,17 @@ public:
 
     // Source-model keys of the selected rows, group headers left out, in the order of the selection.
     std::vector<core::ProcessKey> SelectedProcessKeys() const;
+    // The selected rows' records (an exited row's last one), in the order of the selection.
+    std::vector<core::ProcessSnapshot> SelectedRows() const;
+    // What a context menu at that viewport point acts on: the row under the pointer first, then the
+    // rest of the selection. A row that was not selected becomes the whole selection, as in a file
+    // manager; no rows at all for blank space or a group header.
+    struct PointerRows {
+        std::vector<core::ProcessSnapshot> rows;
+        bool exited = false;
+        bool followed = false;
+    };
+    PointerRows RowsAt(const QPoint& viewportPos);
     // The command bar's search box calls this.
     void SetFilterText(const QString& text);
     // Both work only in tree mode.

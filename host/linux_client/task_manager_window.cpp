@@ -10,8 +10,13 @@
 #include "host/linux_client/history_store.h"
 #include "host/linux_client/navigation_rail.h"
 #include "host/linux_client/page_catalog.h"
+#include "host/linux_client/performance_page.h"
 #include "host/linux_client/placeholder_page.h"
 #include "host/linux_client/power_freq_page.h"
+#include "host/linux_client/process_page_actions.h"
+#include "host/linux_client/process_table_model.h"
+#include "host/linux_client/process_tree_view.h"
+#include "host/linux_client/processes_page.h"
 #include "host/linux_client/settings_page.h"
 #include "host/linux_client/summary_page.h"
 #include "host/linux_client/system_info_page.h"
@@ -95,13 +100,16 @@ struct TaskManagerWindow::Impl {
     void OnSettingsChanged();
     void FeedPage(SnapshotPage* page, bool shouldFeed, const std::shared_ptr<const core::SystemSnapshot>& snapshot);
     void ConnectShell();
-    void BuildProcessViewMenu(QMenu& menu) const;
+    void BuildProcessViewMenu(QMenu& menu);
     void ApplyThemeAndTint();
     void SetDisplayMode(DisplayModeChoice mode, bool remember);
     void SetStatusBarShown(bool shown, bool remember);
     void SetSidebarShown(bool shown);
     void ReportSettingsLoad();
-    void StartPlatform(const ServicesFactory& factory);
+    void CreateServices(const ServicesFactory& factory);
+    void StartPlatform();
+    void ConnectProcessesPage();
+    void SetBoolPreference(const core::BoolPreference& preference, bool value);
     void StartSmokeRun();
     void SelectStackIndex(int stackIndex);
     void StepPage(int delta);
@@ -129,6 +137,9 @@ struct TaskManagerWindow::Impl {
     std::unique_ptr<SettingsSaver> saver;
     SmokeRun* smokeRun = nullptr;
     SummaryPage* summaryPage = nullptr;
+    PerformancePage* performancePage = nullptr;
+    ProcessesPage* processesPage = nullptr;
+    std::unique_ptr<ProcessPageActions> processActions;
     SystemInfoPage* systemInfoPage = nullptr;
     PowerFreqPage* powerFreqPage = nullptr;
     SettingsPage* settingsPage = nullptr;
@@ -200,8 +211,8 @@ void TaskManagerWindow::Impl::BuildShell() {
     menus.combinedNetwork->setChecked(core::ReadBoolPreference(settings, core::kCombinedNetwork));
     menus.combinedGpus->setChecked(core::ReadBoolPreference(settings, core::kCombinedGpus));
 
-    // Running a new task belongs to the Processes page, which is not built yet.
-    commandBar->RunNewTaskButton()->setEnabled(false);
+    processActions = std::make_unique<ProcessPageActions>(MakePageEnvironment(), &window);
+    menus.runNewTask->setEnabled(true);
     commandBar->SetProcessViewBuilder([this](QMenu& menu) { BuildProcessViewMenu(menu); });
 }
 
@@ -222,6 +233,12 @@ QWidget* TaskManagerWindow::Impl::CreatePage(int stackIndex, QWidget* parent) {
     switch (stackIndex) {
     case kSummaryStackIndex:
         page = summaryPage = new SummaryPage(MakePageEnvironment(), parent);
+        break;
+    case kPerformanceStackIndex:
+        page = performancePage = new PerformancePage(MakePageEnvironment(), parent);
+        break;
+    case kProcessesStackIndex:
+        page = processesPage = new ProcessesPage(MakePageEnvironment(), parent);
         break;
     case kSystemInfoStackIndex:
         page = systemInfoPage = new SystemInfoPage(MakePageEnvironment(), parent);
@@ -262,21 +279,60 @@ void TaskManagerWindow::Impl::FeedPage(SnapshotPage* page, bool shouldFeed,
     }
 }
 
-void TaskManagerWindow::Impl::BuildProcessViewMenu(QMenu& menu) const {
-    // The choices are the Processes page's; they show the stored preference and stay off until
-    // that page exists.
-    const auto addCheck = [&menu](const QString& text, bool checked) {
+void TaskManagerWindow::Impl::BuildProcessViewMenu(QMenu& menu) {
+    const auto addCheck = [this, &menu](const QString& text, const core::BoolPreference& preference) {
         QAction* action = menu.addAction(text);
         action->setCheckable(true);
-        action->setChecked(checked);
-        action->setEnabled(false);
+        action->setChecked(core::ReadBoolPreference(settings, preference));
+        QObject::connect(action, &QAction::toggled, &window,
+                         [this, &preference](bool on) { SetBoolPreference(preference, on); });
     };
-    addCheck(Text("Process tree"), core::ReadBoolPreference(settings, core::kProcessTreeEnabled));
-    addCheck(Text("Smooth CPU readings"), core::ReadBoolPreference(settings, core::kSmoothProcessCpu));
-    addCheck(Text("Show exited processes"), core::ReadBoolPreference(settings, core::kShowExitedProcesses));
+    addCheck(Text("Process tree"), core::kProcessTreeEnabled);
+    addCheck(Text("Smooth CPU readings"), core::kSmoothProcessCpu);
+    addCheck(Text("Show exited processes"), core::kShowExitedProcesses);
     menu.addSeparator();
-    menu.addAction(Text("Expand all"))->setEnabled(false);
-    menu.addAction(Text("Collapse all"))->setEnabled(false);
+    const bool tree = core::ReadBoolPreference(settings, core::kProcessTreeEnabled);
+    QAction* expand = menu.addAction(Text("Expand all"));
+    expand->setEnabled(tree);
+    QObject::connect(expand, &QAction::triggered, &window, [this] { processesPage->ExpandAll(); });
+    QAction* collapse = menu.addAction(Text("Collapse all"));
+    collapse->setEnabled(tree);
+    QObject::connect(collapse, &QAction::triggered, &window, [this] { processesPage->CollapseAll(); });
+}
+
+void TaskManagerWindow::Impl::SetBoolPreference(const core::BoolPreference& preference, bool value) {
+    if (core::ReadBoolPreference(settings, preference) == value) {
+        return;
+    }
+    core::WriteBoolPreference(settings, preference.key, value);
+    OnSettingsChanged();
+}
+
+void TaskManagerWindow::Impl::ConnectProcessesPage() {
+    ProcessPageHooks hooks;
+    hooks.currentSnapshot = [this] { return processesPage->CurrentSnapshot(); };
+    hooks.setFollowedKey = [this](std::optional<core::ProcessKey> key) { processesPage->Model().SetFollowedKey(key); };
+    hooks.expandAll = [this] { processesPage->ExpandAll(); };
+    hooks.collapseAll = [this] { processesPage->CollapseAll(); };
+    processActions->SetPageHooks(std::move(hooks));
+    processesPage->SetContextMenuHandler([this](const QPoint& viewportPos) {
+        const ProcessesPage::PointerRows pointer = processesPage->RowsAt(viewportPos);
+        const ProcessMenuContext context = processActions->MenuContext(pointer.rows, pointer.exited, pointer.followed);
+        processActions->ShowProcessContextMenu(processesPage->View().viewport()->mapToGlobal(viewportPos), context);
+    });
+    processesPage->SetDeleteHandler([this] {
+        const std::vector<core::ProcessSnapshot> rows = processesPage->SelectedRows();
+        if (!rows.empty()) {
+            processActions->TerminateRows(rows, false);
+        }
+    });
+    processesPage->SetActivateHandler(
+        [this](const core::ProcessKey& key, bool) { processActions->ShowProcessDetails(key); });
+    QObject::connect(commandBar->FilterBox(), &QLineEdit::textChanged, &window,
+                     [this](const QString& text) { processesPage->SetFilterText(text); });
+    QObject::connect(commandBar->RunNewTaskButton(), &QPushButton::clicked, &window,
+                     [this] { processActions->ShowRunNewTask(); });
+    QObject::connect(menus.runNewTask, &QAction::triggered, &window, [this] { processActions->ShowRunNewTask(); });
 }
 
 void TaskManagerWindow::Impl::ConnectShell() {
@@ -328,6 +384,14 @@ void TaskManagerWindow::Impl::ConnectShell() {
             SetDisplayMode(static_cast<DisplayModeChoice>(action->data().toInt()), true);
         });
     }
+    const auto connectCombined = [this](QAction* action, const core::BoolPreference& preference) {
+        QObject::connect(action, &QAction::toggled, &window,
+                         [this, &preference](bool on) { SetBoolPreference(preference, on); });
+    };
+    connectCombined(menus.combinedDisks, core::kCombinedDisks);
+    connectCombined(menus.combinedNetwork, core::kCombinedNetwork);
+    connectCombined(menus.combinedGpus, core::kCombinedGpus);
+    ConnectProcessesPage();
     QObject::connect(menus.about, &QAction::triggered, &window, [this] { ShowAbout(); });
 }
 
@@ -379,12 +443,15 @@ void TaskManagerWindow::Impl::ReportSettingsLoad() {
     }
 }
 
-void TaskManagerWindow::Impl::StartPlatform(const ServicesFactory& factory) {
+void TaskManagerWindow::Impl::CreateServices(const ServicesFactory& factory) {
     try {
         services = factory ? factory() : nullptr;
     } catch (const std::exception&) {
         services.reset();
     }
+}
+
+void TaskManagerWindow::Impl::StartPlatform() {
     if (services == nullptr) {
         statusBar->ShowProviderUnavailable();
         return;
@@ -406,6 +473,7 @@ void TaskManagerWindow::Impl::StartSmokeRun() {
     SmokeHooks hooks;
     hooks.selectPage = [this](int index) { SelectStackIndex(index); };
     hooks.requestSample = [this] { window.RequestSample(); };
+    hooks.selectDevice = [this](core::DeviceKind kind) { performancePage->SelectDevice(kind); };
     hooks.captureWidget = [this](CaptureScope scope) -> QWidget* {
         return scope == CaptureScope::page ? stack->currentWidget() : window.centralWidget();
     };
@@ -470,6 +538,8 @@ void TaskManagerWindow::Impl::ApplySnapshot(const std::shared_ptr<const core::Sy
     context.currentStackIndex = stack->currentIndex();
     lastPlan = PlanSnapshotApply(context);
     FeedPage(summaryPage, lastPlan.summaryAndProcesses, snapshot);
+    FeedPage(processesPage, lastPlan.summaryAndProcesses, snapshot);
+    FeedPage(performancePage, lastPlan.performance, snapshot);
     FeedPage(systemInfoPage, lastPlan.systemInfo, snapshot);
     FeedPage(powerFreqPage, lastPlan.powerAndFreq, snapshot);
     // 8. The status bar.
@@ -514,6 +584,10 @@ void TaskManagerWindow::Impl::Teardown() {
     // timers are the only background work of the shell itself.
     delete smokeRun;
     smokeRun = nullptr;
+    // The action queue and the inspectors read through the services, which go after the engine.
+    if (processActions != nullptr) {
+        processActions->Shutdown();
+    }
     mailbox->Close();
     // Page caches would be cleared here, each under its own lock.
     if (engine != nullptr) {
@@ -553,6 +627,8 @@ TaskManagerWindow::TaskManagerWindow(SmokeOptions options, core::SettingsLoadRes
         // This window existed before the font changed, and the toolkit only tells running windows.
         setFont(QApplication::font());
     }
+    // The pages and the process actions are lent the services, so these come first.
+    d.CreateServices(factory);
     d.BuildShell();
     d.ConnectShell();
 
@@ -573,8 +649,11 @@ TaskManagerWindow::TaskManagerWindow(SmokeOptions options, core::SettingsLoadRes
     const int firstPage = d.options.enabled ? StackIndexForPage(d.options.page.value_or(0))
                                             : StackIndexForDefaultPage(d.settings.defaultPage);
     d.SelectStackIndex(firstPage < 0 ? kSummaryStackIndex : firstPage);
+    if (d.options.device.has_value()) {
+        d.performancePage->SelectDevice(*d.options.device);
+    }
 
-    d.StartPlatform(factory);
+    d.StartPlatform();
     if (d.options.enabled) {
         d.StartSmokeRun();
     }

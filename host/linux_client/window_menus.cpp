@@ -47,7 +47,7 @@ WindowMenus BuildWindowMenus(QMenuBar& bar) {
 
     menus.fileMenu = bar.addMenu(Text("&File"));
     menus.fileMenu->setObjectName(QStringLiteral("FileMenu"));
-    // Running a new task and filming a page are features of their own pages and stay off until built.
+    // Filming a page is a feature of its own and stays off until built.
     menus.runNewTask = AddAction(menus.fileMenu, Text("Run &new task…"), QKeySequence(QStringLiteral("Ctrl+N")), false);
     menus.newVideoRecording =
         AddAction(menus.fileMenu, Text("New &Video Recording…"), QKeySequence(QStringLiteral("Ctrl+Shift+N")), false);
@@ -85,9 +85,9 @@ WindowMenus BuildWindowMenus(QMenuBar& bar) {
     menus.nextPage = AddAction(menus.viewMenu, Text("Ne&xt Page"));
     menus.viewMenu->addSeparator();
     // The combined-device choices belong to the Performance page's device list.
-    menus.combinedDisks = AddCheck(menus.viewMenu, Text("Show Combined &Disks"), {}, false);
-    menus.combinedNetwork = AddCheck(menus.viewMenu, Text("Show Combined &Network"), {}, false);
-    menus.combinedGpus = AddCheck(menus.viewMenu, Text("Show Combined &GPUs"), {}, false);
+    menus.combinedDisks = AddCheck(menus.viewMenu, Text("Show Combined &Disks"), {});
+    menus.combinedNetwork = AddCheck(menus.viewMenu, Text("Show Combined &Network"), {});
+    menus.combinedGpus = AddCheck(menus.viewMenu, Text("Show Combined &GPUs"), {});
     menus.diskLightSettings = AddAction(menus.viewMenu, Text("Disk &Light Settings…"), {}, false);
     menus.viewMenu->addSeparator();
     menus.hideSidebar = AddCheck(menus.viewMenu, Text("&Hide Sidebar"), QKeySequence(QStringLiteral("Ctrl+Shift+S")));

@@ -158,13 +158,14 @@ INSTANTIATE_TEST_SUITE_P(
                  true, true, {"No Linux devices available"}}),
     [](const ::testing::TestParamInfo<ListCase>& row) { return std::string(row.param.name); });
 
-TEST_F(PerformancePageTest, HintStandsUntilADeviceIsChosenAndTheChoiceSurvivesRefreshes) {
+TEST_F(PerformancePageTest, TheProcessorIsShownFirstAndAChoiceSurvivesRefreshes) {
     auto page = MakePage();
+    EXPECT_TRUE(page->SelectedRowId().isEmpty());
     auto first = MachineSnapshot(1);
     first->devices.push_back(DiskDevice("sda", 0, 0, 1));
     first->devices.push_back(DiskDevice("sdb", 0, 0, 1));
     Deliver(*page, first);
-    EXPECT_TRUE(page->SelectedRowId().isEmpty());
+    EXPECT_EQ(page->SelectedRowId().toStdString(), "cpu");
 
     page->SelectDevice(core::DeviceKind::disk);
     EXPECT_EQ(page->SelectedRowId().toStdString(), "disks");
@@ -180,9 +181,9 @@ TEST_F(PerformancePageTest, HintStandsUntilADeviceIsChosenAndTheChoiceSurvivesRe
     page->SettingsChanged();
     EXPECT_EQ(page->SelectedRowId().toStdString(), "disk:linux-block:path:sda");
 
-    // A device that goes away takes the choice back to the hint.
+    // A device that goes away, with none of its kind left, takes the choice back to the first row.
     Deliver(*page, MachineSnapshot(6));
-    EXPECT_TRUE(page->SelectedRowId().isEmpty());
+    EXPECT_EQ(page->SelectedRowId().toStdString(), "cpu");
 }
 
 TEST_F(PerformancePageTest, ArrowKeysMoveTheChoiceAlongTheList) {
@@ -210,7 +211,7 @@ TEST_F(PerformancePageTest, SelectDeviceBeforeAnySnapshotWaitsForThatKind) {
     auto page = MakePage();
     page->SelectDevice(core::DeviceKind::network);
     Deliver(*page, MachineSnapshot(1));
-    EXPECT_TRUE(page->SelectedRowId().isEmpty());
+    EXPECT_TRUE(page->SelectedRowId().isEmpty());  // the hint stands while the choice waits
     auto withNetwork = MachineSnapshot(2);
     withNetwork->devices.push_back(NetworkDevice("enp3s0", 10, 20));
     Deliver(*page, withNetwork);
@@ -264,8 +265,11 @@ TEST_F(PerformancePageTest, ContextMenuOffersGraphKernelTimesAndCopy) {
     QAction* engines = ActionNamed(*menu, QStringLiteral("Individual engines"));
     QAction* kernel = ActionNamed(*menu, QStringLiteral("Show kernel times"));
     QAction* copy = ActionNamed(*menu, QStringLiteral("Copy"));
-    EXPECT_FALSE(copy->isEnabled());  // nothing chosen yet
+    EXPECT_TRUE(copy->isEnabled());  // the processor is shown from the start
 
+    page->SelectDevice(core::DeviceKind::disk);
+    EXPECT_FALSE(logical->isEnabled());
+    EXPECT_FALSE(kernel->isEnabled());
     page->SelectDevice(core::DeviceKind::cpu);
     EXPECT_TRUE(logical->isEnabled());
     EXPECT_FALSE(engines->isEnabled());

@@ -175,7 +175,7 @@ TEST_F(WindowTest, MenusHoldEveryEntryWithAcceleratorsAndUnbuiltFeaturesDisabled
     }
     EXPECT_EQ(titles, (QStringList{"&File", "&Edit", "&View", "&Performance", "&Benchmarks", "&Disk Space", "&Help"}));
 
-    ExpectEntries(MenuTitled(*window, "&File"), {{"Run &new task…", "Ctrl+N", false},
+    ExpectEntries(MenuTitled(*window, "&File"), {{"Run &new task…", "Ctrl+N", true},
                                                  {"New &Video Recording…", "Ctrl+Shift+N", false},
                                                  {"E&xit", "Ctrl+Q", true}});
     ExpectEntries(MenuTitled(*window, "&Edit"), {{"&Find", "", true}});
@@ -197,9 +197,9 @@ TEST_F(WindowTest, MenusHoldEveryEntryWithAcceleratorsAndUnbuiltFeaturesDisabled
                    {"Se&ttings", "Ctrl+0", true},
                    {"Pre&vious Page", "", true},
                    {"Ne&xt Page", "", true},
-                   {"Show Combined &Disks", "", false},
-                   {"Show Combined &Network", "", false},
-                   {"Show Combined &GPUs", "", false},
+                   {"Show Combined &Disks", "", true},
+                   {"Show Combined &Network", "", true},
+                   {"Show Combined &GPUs", "", true},
                    {"Disk &Light Settings…", "", false},
                    {"&Hide Sidebar", "Ctrl+Shift+S", true},
                    {"Hide Status &Bar", "", true},
