@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <charconv>
 #include <cerrno>
 #include <chrono>
 #include <cstdint>
@@ -10,6 +11,7 @@
 #include <vector>
 
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -30,6 +32,8 @@ std::filesystem::path TemporaryPathFor(const std::filesystem::path& target)
     const auto serial = temporaryCounter.fetch_add(1, std::memory_order_relaxed);
     std::string name = target.native();
     name += ".tmp.";
+    name += std::to_string(::getpid());
+    name += '.';
     name += std::to_string(ticks);
     name += '.';
     name += std::to_string(serial);
@@ -92,6 +96,24 @@ std::filesystem::path ParentOf(const std::filesystem::path& target)
     return parent.empty() ? std::filesystem::path(".") : parent;
 }
 
+// A temporary is left over when the writer its name gives (`<pid>.<ticks>.<serial>`) is no longer
+// running, or when it was last written long ago (a pid can be reused, and older names carry none).
+bool TemporaryIsLeftOver(const std::filesystem::path& path, std::string_view suffix)
+{
+    std::error_code timeError;
+    const auto written = std::filesystem::last_write_time(path, timeError);
+    if (!timeError && std::filesystem::file_time_type::clock::now() - written >= kStaleTemporaryAge) {
+        return true;
+    }
+    long long pid = 0;
+    const auto [end, error] = std::from_chars(suffix.data(), suffix.data() + suffix.size(), pid);
+    if (error != std::errc() || end == suffix.data() + suffix.size() || *end != '.' || pid <= 0 ||
+        pid > std::numeric_limits<pid_t>::max() || pid == ::getpid()) {
+        return false;
+    }
+    return ::kill(static_cast<pid_t>(pid), 0) != 0 && errno == ESRCH;
+}
+
 }  // namespace
 
 std::optional<std::string> WriteFileAtomically(const std::filesystem::path& target, std::string_view text)
@@ -139,6 +161,11 @@ void PruneFileSiblings(const std::filesystem::path& target)
         }
         const std::string sibling = it->path().filename().native();
         if (sibling.starts_with(temporaryPrefix)) {
+            // Two programs may save the same file at once: only a leftover of a writer that died
+            // is removed, never a temporary that is about to be renamed into place.
+            if (!TemporaryIsLeftOver(it->path(), sibling.substr(temporaryPrefix.size()))) {
+                continue;
+            }
             std::error_code ignored;
             std::filesystem::remove(it->path(), ignored);
         } else if (sibling.starts_with(quarantinePrefix)) {

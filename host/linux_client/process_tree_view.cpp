@@ -32,6 +32,8 @@ ProcessTreeView::ProcessTreeView(QAbstractItemModel& model, core::Settings* sett
     setAlternatingRowColors(false);
     setUniformRowHeights(true);
     setRootIsDecorated(true);
+    // Process trees run deep (shells, build tools, sandboxes): a narrow step keeps names readable.
+    setIndentation(14);
     setItemsExpandable(true);
     setContextMenuPolicy(Qt::CustomContextMenu);
     setModel(&model);

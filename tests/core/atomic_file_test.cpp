@@ -37,6 +37,13 @@ protected:
         std::ofstream(dir / name) << text;
     }
 
+    // A file last written long enough ago to be a dead writer's leftover.
+    void TouchStale(const std::string& name) const
+    {
+        Touch(name);
+        fs::last_write_time(dir / name, fs::file_time_type::clock::now() - kStaleTemporaryAge - std::chrono::seconds(5));
+    }
+
     fs::path target;
 };
 
@@ -119,11 +126,27 @@ TEST_F(AtomicFileTest, SaveRemovesStaleTemporariesOfItsTargetOnly)
 {
     for (const char* name : {"data.json.tmp.1.0", "data.json.tmp.", "data.json.tmp.99.x", "data.json.tmpx",
                              "other.json.tmp.1.0", "data.json.bak", "xdata.json.tmp.1"}) {
-        Touch(name);
+        TouchStale(name);
     }
     ASSERT_EQ(WriteFileAtomically(target, "{}"), std::nullopt);
     EXPECT_EQ(Names(), (std::set<std::string>{"data.json", "data.json.tmpx", "other.json.tmp.1.0", "data.json.bak",
                                               "xdata.json.tmp.1"}));
+}
+
+TEST_F(AtomicFileTest, AnotherWritersFreshTemporaryIsLeftToIt)
+{
+    // Two programs saving one file: the second's tidying must not take the first's temporary
+    // away before the first renames it.
+    const std::string inFlight = "data.json.tmp." + std::to_string(::getppid()) + ".77.4";
+    Touch(inFlight, "in flight");
+    // A fresh one of a writer that is gone is a leftover all the same.
+    const pid_t gone = ::fork();
+    ASSERT_GE(gone, 0);
+    if (gone == 0) ::_exit(0);
+    ASSERT_EQ(::waitpid(gone, nullptr, 0), gone);
+    Touch("data.json.tmp." + std::to_string(gone) + ".78.5", "dead writer");
+    ASSERT_EQ(WriteFileAtomically(target, "{}"), std::nullopt);
+    EXPECT_EQ(Names(), (std::set<std::string>{"data.json", inFlight}));
 }
 
 class QuarantinePruneTest : public AtomicFileTest, public ::testing::WithParamInterface<int> {};

@@ -1,3 +1,4 @@
+#include "core/atomic_file.h"
 #include "core/settings.h"
 
 #include <cerrno>
@@ -498,6 +499,8 @@ TEST_F(SettingsStoreTest, QuarantineKeepsTheFiveNewestCopiesAndClearsTemporaries
         WriteAll(dir / older.back(), "old");
     }
     WriteAll(dir / "settings.json.tmp.5.0", "partial");
+    fs::last_write_time(dir / "settings.json.tmp.5.0",
+                        fs::file_time_type::clock::now() - kStaleTemporaryAge - std::chrono::seconds(5));
     WriteAll(file, "{");
     const SettingsLoadResult result = SettingsStore::Load(file);
     EXPECT_EQ(result.error, "unexpected end of JSON");

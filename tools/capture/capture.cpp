@@ -68,10 +68,13 @@ CaptureOptions ParseArguments(const QStringList& arguments) {
     return options;
 }
 
-QModelIndex FirstProcessRow(lc::ProcessesPage& page) {
+// The first process row; with `leaf`, the first without children (a double-click on a parent
+// folds it instead of opening the inspector).
+QModelIndex FirstProcessRow(lc::ProcessesPage& page, bool leaf) {
     lc::ProcessTreeView& view = page.View();
     for (QModelIndex row = view.indexAt(QPoint(4, 4)); row.isValid(); row = view.indexBelow(row)) {
-        if (!page.Model().IsGroupHeader(page.Proxy().mapToSource(row))) return row;
+        if (page.Model().IsGroupHeader(page.Proxy().mapToSource(row))) continue;
+        if (!leaf || !page.Proxy().hasChildren(row)) return row;
     }
     return {};
 }
@@ -118,7 +121,7 @@ int main(int argc, char* argv[]) {
     QTimer::singleShot(capture.seconds * 1000, window.get(), [&] {
         auto* page = window->findChild<lc::ProcessesPage*>();
         if ((capture.menu || capture.inspect) && page != nullptr) {
-            const QModelIndex row = FirstProcessRow(*page);
+            const QModelIndex row = FirstProcessRow(*page, capture.inspect);
             QTimer::singleShot(500, window.get(), shoot);
             if (capture.menu) {
                 const QRect rect = page->View().visualRect(row);
