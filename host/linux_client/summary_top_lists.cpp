@@ -3,6 +3,7 @@
 #include "host/linux_client/unit_formats.h"
 
 #include <QCoreApplication>
+#include <QFontMetrics>
 #include <QHBoxLayout>
 #include <QHeaderView>
 #include <QLabel>
@@ -95,9 +96,19 @@ SummaryTopList::SummaryTopList(TopListKind kind, QWidget* parent) : QWidget(pare
         {Tr("PID"), Tr("Name"), kind == TopListKind::cpu ? Tr("CPU") : Tr("Memory")});
     impl_->table->horizontalHeader()->setStyleSheet(
         QStringLiteral("QHeaderView::section { font-size: %1pt; padding: 2px 7px; }").arg(9));
-    impl_->table->horizontalHeader()->setSectionResizeMode(0, QHeaderView::ResizeToContents);
-    impl_->table->horizontalHeader()->setSectionResizeMode(1, QHeaderView::Stretch);
-    impl_->table->horizontalHeader()->setSectionResizeMode(2, QHeaderView::ResizeToContents);
+    // Widths fitted once to the widest figure a column can hold: fitting them to the contents
+    // would lay out every cell's text again each time a value changes, every second.
+    QHeaderView* header = impl_->table->horizontalHeader();
+    const QFontMetrics metrics(impl_->table->font());
+    const int padding = 2 * 7 + 8;
+    header->setMinimumSectionSize(24);
+    header->setSectionResizeMode(0, QHeaderView::Fixed);
+    header->resizeSection(0, metrics.horizontalAdvance(QStringLiteral("4194304")) + padding);
+    header->setSectionResizeMode(1, QHeaderView::Stretch);
+    header->setSectionResizeMode(2, QHeaderView::Fixed);
+    const QString widestValue = kind == TopListKind::cpu ? QStringLiteral("9999.9%") : QStringLiteral("1023.9 MB");
+    const QString title = impl_->table->horizontalHeaderItem(2)->text();
+    header->resizeSection(2, std::max(metrics.horizontalAdvance(widestValue), metrics.horizontalAdvance(title)) + padding);
     impl_->table->verticalHeader()->hide();
     impl_->table->verticalHeader()->setDefaultSectionSize(20);
     impl_->table->setEditTriggers(QAbstractItemView::NoEditTriggers);

@@ -8,6 +8,7 @@
 #include "host/linux_client/display_snapshot.h"
 #include "host/linux_client/display_tint.h"
 #include "host/linux_client/history_store.h"
+#include "host/linux_client/language_relaunch.h"
 #include "host/linux_client/navigation_rail.h"
 #include "host/linux_client/page_catalog.h"
 #include "host/linux_client/performance_page.h"
@@ -17,6 +18,7 @@
 #include "host/linux_client/process_table_model.h"
 #include "host/linux_client/process_tree_view.h"
 #include "host/linux_client/processes_page.h"
+#include "host/linux_client/settings_dialog.h"
 #include "host/linux_client/settings_page.h"
 #include "host/linux_client/summary_page.h"
 #include "host/linux_client/system_info_page.h"
@@ -42,6 +44,7 @@
 #include <QMenu>
 #include <QMenuBar>
 #include <QMessageBox>
+#include <QPointer>
 #include <QPushButton>
 #include <QStackedWidget>
 #include <QTimer>
@@ -110,6 +113,9 @@ struct TaskManagerWindow::Impl {
     void StartPlatform();
     void ConnectProcessesPage();
     void SetBoolPreference(const core::BoolPreference& preference, bool value);
+    void ShowSettings();
+    void AskToRelaunch(const QString& code);
+    void RelaunchInLanguage(const QString& code);
     void StartSmokeRun();
     void SelectStackIndex(int stackIndex);
     void StepPage(int delta);
@@ -143,6 +149,8 @@ struct TaskManagerWindow::Impl {
     SystemInfoPage* systemInfoPage = nullptr;
     PowerFreqPage* powerFreqPage = nullptr;
     SettingsPage* settingsPage = nullptr;
+    QPointer<SettingsDialog> settingsDialog;
+    QString relaunchProgram = QCoreApplication::applicationFilePath();
     std::vector<SnapshotPage*> snapshotPages;
     core::Theme theme = core::Theme::system;
     DisplayModeChoice displayMode = DisplayModeChoice::color;
@@ -269,6 +277,9 @@ void TaskManagerWindow::Impl::OnSettingsChanged() {
     for (SnapshotPage* page : snapshotPages) {
         page->SettingsChanged();
     }
+    if (settingsDialog != nullptr) {
+        settingsDialog->Form()->Reload();
+    }
     SaveSettingsSoon();
 }
 
@@ -308,6 +319,55 @@ void TaskManagerWindow::Impl::SetBoolPreference(const core::BoolPreference& pref
     OnSettingsChanged();
 }
 
+void TaskManagerWindow::Impl::ShowSettings() {
+    if (!settings.showSettingsAsDialog) {
+        SelectStackIndex(kSettingsStackIndex);
+        return;
+    }
+    if (settingsDialog == nullptr) {
+        settingsDialog = new SettingsDialog(&settings, [this] { OnSettingsChanged(); }, &window);
+        settingsDialog->setAttribute(Qt::WA_DeleteOnClose);
+        settingsDialog->Form()->SetLanguageChangedHandler([this](const QString& code) { AskToRelaunch(code); });
+    }
+    settingsDialog->show();
+    settingsDialog->raise();
+    settingsDialog->activateWindow();
+}
+
+// A translation is loaded once, at start; the new language needs a new start, which the user may
+// put off.
+void TaskManagerWindow::Impl::AskToRelaunch(const QString& code) {
+    auto* box = new QMessageBox(QMessageBox::Question, Text("Change language"),
+                                Text("The new language takes effect when Task Manager KORV starts again. "
+                                     "Restart it now?"),
+                                QMessageBox::Yes | QMessageBox::No, &window);
+    box->setObjectName(QStringLiteral("LanguageRelaunchBox"));
+    box->setDefaultButton(QMessageBox::No);
+    box->setAttribute(Qt::WA_DeleteOnClose);
+    QObject::connect(box, &QMessageBox::finished, &window, [this, code](int result) {
+        if (result == QMessageBox::Yes) {
+            RelaunchInLanguage(code);
+        }
+    });
+    box->open();
+}
+
+void TaskManagerWindow::Impl::RelaunchInLanguage(const QString& code) {
+    // The new start reads the file: it must hold every change before that start begins.
+    if (saver->Available() && settings != savedSettings) {
+        savedSettings = settings;
+        if (const auto error = saver->SaveAtExit(settings)) {
+            statusBar->ShowSettingsMessage(Text("Settings could not be saved: %1").arg(QString::fromStdString(*error)));
+            return;
+        }
+    }
+    if (const auto error = StartLanguageRelaunch(relaunchProgram, code)) {
+        statusBar->ShowSettingsMessage(Text("Task Manager KORV could not restart: %1").arg(*error));
+        return;
+    }
+    window.close();
+}
+
 void TaskManagerWindow::Impl::ConnectProcessesPage() {
     ProcessPageHooks hooks;
     hooks.currentSnapshot = [this] { return processesPage->CurrentSnapshot(); };
@@ -337,11 +397,10 @@ void TaskManagerWindow::Impl::ConnectProcessesPage() {
 
 void TaskManagerWindow::Impl::ConnectShell() {
     QObject::connect(rail, &NavigationRail::pageRequested, &window, [this](int index) { SelectStackIndex(index); });
-    QObject::connect(rail->SettingsButton(), &QPushButton::clicked, &window,
-                     [this] { SelectStackIndex(kSettingsStackIndex); });
-    // The Colors panel is a section of the Settings page.
-    QObject::connect(rail->ColorsButton(), &QPushButton::clicked, &window,
-                     [this] { SelectStackIndex(kSettingsStackIndex); });
+    QObject::connect(rail->SettingsButton(), &QPushButton::clicked, &window, [this] { ShowSettings(); });
+    // The Colors panel is a section of the settings.
+    QObject::connect(rail->ColorsButton(), &QPushButton::clicked, &window, [this] { ShowSettings(); });
+    settingsPage->Form()->SetLanguageChangedHandler([this](const QString& code) { AskToRelaunch(code); });
     QObject::connect(commandBar->HideSidebarButton(), &QToolButton::clicked, &window,
                      [this] { SetSidebarShown(rail->isHidden()); });
     QObject::connect(commandBar->RefreshButton(), &QPushButton::clicked, &window, [this] { window.RequestSample(); });
@@ -686,6 +745,10 @@ void TaskManagerWindow::ActivateFromAnotherInstance() {
     show();
     raise();
     activateWindow();
+}
+
+void TaskManagerWindow::SetRelaunchProgram(const QString& program) {
+    impl_->relaunchProgram = program;
 }
 
 void TaskManagerWindow::SelectStackIndex(int stackIndex) {

@@ -46,6 +46,8 @@ public:
     void BeginSelfTest();
     // Another start of the program asked this one to come forward.
     void ActivateFromAnotherInstance();
+    // The program started again after a change of language; this one by default.
+    void SetRelaunchProgram(const QString& program);
 
     // Selects a stack place, 0 to 14; other values are ignored. A change asked for while a snapshot
     // is being applied takes effect at the end of that delivery.

@@ -5,6 +5,7 @@
 
 #include <QElapsedTimer>
 #include <QPainter>
+#include <QPixmap>
 #include <QTimer>
 
 #include <algorithm>
@@ -20,6 +21,28 @@ constexpr double kCellHeight = 24.0;
 constexpr int kWheelCount = 11;
 constexpr int kRetryMs = 1001;
 constexpr std::uint64_t kMaximumDays = 99999;
+constexpr double kCellWidth = 10.0;
+
+// Where the wheels stand in the widget: the canvas is scaled to fit and centred.
+struct OdometerGeometry {
+    double scale = 0.0;
+    QPointF origin;
+
+    explicit OdometerGeometry(const QSize& size) {
+        scale = std::min(size.width() / kCanvasWidth, size.height() / (kCellHeight + 4.0));
+        origin = QPointF((size.width() - kCanvasWidth * scale) / 2.0, (size.height() - (kCellHeight + 4.0) * scale) / 2.0);
+    }
+    // Wheel i in canvas units.
+    static QRectF Cell(int i) {
+        const double groupGap = (kCanvasWidth - kWheelCount * kCellWidth) / 3.0;
+        const int group = i < 5 ? 0 : (i - 5) / 2 + 1;
+        return {i * kCellWidth + group * groupGap, 2.0, kCellWidth - 1.0, kCellHeight};
+    }
+    QRectF CellInWidget(int i) const {
+        const QRectF cell = Cell(i);
+        return {origin.x() + cell.x() * scale, origin.y() + cell.y() * scale, cell.width() * scale, cell.height() * scale};
+    }
+};
 
 }  // namespace
 
@@ -49,6 +72,48 @@ struct UptimeOdometerWidget::Impl {
     int fps = 60;
     QColor textColor{70, 235, 200};
     QTimer timer;
+    // The ten digits drawn once on their wheels, one above the other: a frame only copies from
+    // here, since shaping and drawing text sixty times a second cost more than the rest together.
+    QPixmap strip;
+    QString stripKey;
+
+    const QPixmap& Strip(const OdometerGeometry& geometry, qreal ratio, const QColor& lit, const QColor& wheel) {
+        const QString key = QStringLiteral("%1/%2/%3/%4")
+                                .arg(geometry.scale)
+                                .arg(ratio)
+                                .arg(lit.rgba())
+                                .arg(wheel.rgba());
+        if (key == stripKey && !strip.isNull()) return strip;
+        const QSizeF cell(kCellWidth - 1.0, kCellHeight);
+        const QSize pixels(static_cast<int>(std::ceil(cell.width() * geometry.scale * ratio)),
+                           static_cast<int>(std::ceil(cell.height() * geometry.scale * ratio)) * 10);
+        strip = QPixmap(pixels);
+        strip.setDevicePixelRatio(ratio);
+        strip.fill(Qt::transparent);
+        QPainter painter(&strip);
+        painter.setRenderHint(QPainter::Antialiasing);
+        painter.setRenderHint(QPainter::TextAntialiasing);
+        const double cellPixels = static_cast<double>(pixels.height()) / 10.0 / ratio;
+        QFont font(QStringLiteral("DejaVu Sans Condensed"));
+        font.setPixelSize(18);
+        font.setWeight(QFont::DemiBold);
+        font.setStretch(75);
+        for (int digit = 0; digit < 10; ++digit) {
+            painter.save();
+            painter.translate(0.0, digit * cellPixels);
+            painter.scale(geometry.scale, geometry.scale);
+            const QRectF rect(QPointF(0.0, 0.0), cell);
+            painter.setPen(Qt::NoPen);
+            painter.setBrush(wheel);
+            painter.drawRoundedRect(rect, 1.5, 1.5);
+            painter.setFont(font);
+            painter.setPen(lit);
+            painter.drawText(rect, Qt::AlignCenter, QString::number(digit));
+            painter.restore();
+        }
+        stripKey = key;
+        return strip;
+    }
 
     double NowSeconds() const {
         if (!uptimeSeconds) return 0.0;
@@ -74,7 +139,16 @@ UptimeOdometerWidget::UptimeOdometerWidget(QWidget* parent) : QWidget(parent), i
     impl_->timer.setSingleShot(true);
     impl_->timer.setTimerType(Qt::PreciseTimer);
     connect(&impl_->timer, &QTimer::timeout, this, [this] {
-        update();
+        // Only the wheels that turn this second need paint: most seconds that is the last one.
+        const double now = impl_->NowSeconds();
+        const auto whole = static_cast<std::uint64_t>(std::floor(now));
+        const QString to = OdometerText(whole);
+        const QString from = whole > 0 ? OdometerText(whole - 1) : to;
+        int first = 0;
+        while (first < kWheelCount - 1 && to.at(first) == from.at(first)) ++first;
+        const OdometerGeometry geometry(size());
+        const QRectF moving = geometry.CellInWidget(first).united(geometry.CellInWidget(kWheelCount - 1));
+        update(moving.toAlignedRect().adjusted(-1, -1, 1, 1));
         impl_->Schedule();
     });
     setSizePolicy(QSizePolicy::Preferred, QSizePolicy::Fixed);
@@ -109,50 +183,44 @@ int UptimeOdometerWidget::TimerIntervalMs() const { return impl_->timer.interval
 QSize UptimeOdometerWidget::sizeHint() const { return {183, 36}; }
 
 void UptimeOdometerWidget::paintEvent(QPaintEvent*) {
-    QPainter painter(this);
-    painter.setRenderHint(QPainter::Antialiasing);
-    painter.setRenderHint(QPainter::TextAntialiasing);
-    const double scale = std::min(width() / kCanvasWidth, height() / (kCellHeight + 4.0));
-    if (scale <= 0.0) return;
-    painter.translate((width() - kCanvasWidth * scale) / 2.0, (height() - (kCellHeight + 4.0) * scale) / 2.0);
-    painter.scale(scale, scale);
-
-    QFont font(QStringLiteral("DejaVu Sans Condensed"));
-    font.setPixelSize(18);
-    font.setWeight(QFont::DemiBold);
-    font.setStretch(75);
-    painter.setFont(font);
-
+    const OdometerGeometry geometry(size());
+    if (geometry.scale <= 0.0) return;
     const double now = impl_->NowSeconds();
     const std::uint64_t whole = static_cast<std::uint64_t>(std::floor(now));
     const QString to = OdometerText(whole);
     const QString from = whole > 0 ? OdometerText(whole - 1) : to;
     const double progress = impl_->fps > 0 && impl_->uptimeSeconds ? OdometerRollProgress(now - std::floor(now)) : 1.0;
 
-    const QColor lit = DisplayTint(impl_->textColor);
-    const QColor wheel = DisplayTint(QColor(14, 18, 18));
-    const double cellWidth = 10.0;
-    const double groupGap = (kCanvasWidth - kWheelCount * cellWidth) / 3.0;
+    const qreal ratio = devicePixelRatioF();
+    const QPixmap& strip = impl_->Strip(geometry, ratio, DisplayTint(impl_->textColor), DisplayTint(QColor(14, 18, 18)));
+    const double digitHeight = static_cast<double>(strip.height()) / 10.0;  // device pixels
+    const auto source = [&](QChar digit, double offset) {
+        return QRectF(0.0, std::clamp(digit.digitValue(), 0, 9) * digitHeight + offset, strip.width(), digitHeight);
+    };
+
+    QPainter painter(this);
+    painter.setRenderHint(QPainter::SmoothPixmapTransform);
     for (int i = 0; i < kWheelCount; ++i) {
-        const int group = i < 5 ? 0 : (i - 5) / 2 + 1;
-        const double x = i * cellWidth + group * groupGap;
-        const QRectF cell(x, 2.0, cellWidth - 1.0, kCellHeight);
-        painter.setPen(Qt::NoPen);
-        painter.setBrush(wheel);
-        painter.drawRoundedRect(cell, 1.5, 1.5);
-        painter.save();
-        painter.setClipRect(cell);
-        painter.setPen(lit);
+        const QRectF cell = geometry.CellInWidget(i);
         const QChar newDigit = to.at(i);
         const QChar oldDigit = from.at(i);
         if (newDigit == oldDigit || progress >= 1.0) {
-            painter.drawText(cell, Qt::AlignCenter, QString(newDigit));
-        } else {
-            const double shift = progress * kCellHeight;
-            painter.drawText(cell.translated(0, -shift), Qt::AlignCenter, QString(oldDigit));
-            painter.drawText(cell.translated(0, kCellHeight - shift), Qt::AlignCenter, QString(newDigit));
+            painter.drawPixmap(cell, strip, source(newDigit, 0.0));
+            continue;
         }
-        painter.restore();
+        // The old digit leaves at the top while the new one comes up from below.
+        const double shift = progress * cell.height();
+        const double shiftPixels = progress * digitHeight;
+        const QRectF upper(cell.x(), cell.y(), cell.width(), cell.height() - shift);
+        const QRectF lower(cell.x(), cell.y() + cell.height() - shift, cell.width(), shift);
+        if (upper.height() > 0.0) {
+            painter.drawPixmap(upper, strip, QRectF(0.0, std::clamp(oldDigit.digitValue(), 0, 9) * digitHeight + shiftPixels,
+                                                    strip.width(), digitHeight - shiftPixels));
+        }
+        if (lower.height() > 0.0) {
+            painter.drawPixmap(lower, strip, QRectF(0.0, std::clamp(newDigit.digitValue(), 0, 9) * digitHeight,
+                                                    strip.width(), shiftPixels));
+        }
     }
 }
 

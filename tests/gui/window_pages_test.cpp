@@ -1,4 +1,10 @@
+#include "core/settings.h"
+#include "host/linux_client/application_paths.h"
 #include "host/linux_client/command_bar.h"
+#include "host/linux_client/language_relaunch.h"
+#include "host/linux_client/navigation_rail.h"
+#include "host/linux_client/settings_dialog.h"
+#include "host/linux_client/settings_page.h"
 #include "host/linux_client/page_catalog.h"
 #include "host/linux_client/performance_page.h"
 #include "host/linux_client/process_filter_proxy_model.h"
@@ -10,6 +16,10 @@
 #include <gtest/gtest.h>
 
 #include <QAction>
+#include <QCheckBox>
+#include <QComboBox>
+#include <QFile>
+#include <QMessageBox>
 #include <QLineEdit>
 #include <QMenu>
 #include <QPushButton>
@@ -172,6 +182,99 @@ TEST_F(WindowPagesTest, CombinedDisksMenuIsAPreference) {
     ASSERT_NE(combined, nullptr);
     combined->trigger();
     EXPECT_NE(core::ReadBoolPreference(window->CurrentSettings(), core::kCombinedDisks), before);
+    window->close();
+}
+
+// A stand-in for the program that writes down the arguments it was started with.
+QString ArgumentRecorder(const QTemporaryDir& dir, const QString& record) {
+    const QString path = dir.filePath(QStringLiteral("korv-again"));
+    QFile script(path);
+    if (!script.open(QIODevice::WriteOnly)) return {};
+    script.write(QStringLiteral("#!/bin/sh\nprintf '%s\\n' \"$@\" > '%1.part' && mv '%1.part' '%1'\n").arg(record).toUtf8());
+    script.close();
+    script.setPermissions(QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+    return path;
+}
+
+QMessageBox* ChooseLanguage(TaskManagerWindow& window, const QString& code) {
+    auto* combo = window.findChild<SettingsPage*>()->findChild<QComboBox*>(QStringLiteral("applicationLanguage"));
+    if (combo == nullptr || combo->findData(code) < 0) return nullptr;
+    combo->setCurrentIndex(combo->findData(code));
+    emit combo->activated(combo->currentIndex());
+    return window.findChild<QMessageBox*>(QStringLiteral("LanguageRelaunchBox"));
+}
+
+TEST(LanguageRelaunch, ArgumentsCarryTheCodeAndTheMarker) {
+    EXPECT_EQ(LanguageRelaunchArguments(QStringLiteral("de")),
+              (QStringList{"--language", "de", "--language-relaunch"}));
+    EXPECT_TRUE(StartLanguageRelaunch(QStringLiteral("/nonexistent/korv"), QStringLiteral("de")).has_value());
+}
+
+TEST_F(WindowPagesTest, ANewLanguageStartsTheProgramAgainWhenTheUserAgrees) {
+    QTemporaryDir dir;
+    const QString record = dir.filePath(QStringLiteral("arguments"));
+    auto window = MakeWindow();
+    window->SetRelaunchProgram(ArgumentRecorder(dir, record));
+    window->show();
+    window->SelectStackIndex(kSettingsStackIndex);
+
+    QMessageBox* box = ChooseLanguage(*window, QStringLiteral("en"));
+    ASSERT_NE(box, nullptr) << "no question was asked";
+    box->done(QMessageBox::Yes);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return QFile::exists(record); }, kWaitMs));
+    QFile file(record);
+    ASSERT_TRUE(file.open(QIODevice::ReadOnly));
+    EXPECT_EQ(QString::fromUtf8(file.readAll()), QStringLiteral("--language\nen\n--language-relaunch\n"));
+    EXPECT_FALSE(window->isVisible());
+    // The new start finds the choice in the file.
+    const core::SettingsLoadResult saved = core::SettingsStore::Load(SettingsFilePath().toStdString());
+    EXPECT_EQ(saved.settings.applicationLanguage, "en");
+}
+
+TEST_F(WindowPagesTest, ALanguageChangeThatIsPutOffKeepsTheWindow) {
+    QTemporaryDir dir;
+    const QString record = dir.filePath(QStringLiteral("arguments"));
+    auto window = MakeWindow();
+    window->SetRelaunchProgram(ArgumentRecorder(dir, record));
+    window->show();
+    QMessageBox* box = ChooseLanguage(*window, QStringLiteral("en"));
+    ASSERT_NE(box, nullptr);
+    box->done(QMessageBox::No);
+    QCoreApplication::processEvents();
+    EXPECT_TRUE(window->isVisible());
+    EXPECT_EQ(window->CurrentSettings().applicationLanguage, "en");
+    EXPECT_FALSE(QFile::exists(record));
+    window->close();
+}
+
+TEST_F(WindowPagesTest, SettingsOpenInADialogWhenAskedAndBothFormsAgree) {
+    auto window = MakeWindow();
+    window->show();
+    auto* rail = window->findChild<NavigationRail*>();
+    ASSERT_NE(rail, nullptr);
+    auto* asDialog = window->findChild<SettingsPage*>()->findChild<QCheckBox*>(QStringLiteral("showSettingsAsDialog"));
+    ASSERT_NE(asDialog, nullptr);
+    asDialog->click();
+    ASSERT_TRUE(window->CurrentSettings().showSettingsAsDialog);
+
+    window->SelectStackIndex(kSummaryStackIndex);
+    rail->SettingsButton()->click();
+    EXPECT_EQ(window->CurrentStackIndex(), kSummaryStackIndex);
+    auto* dialog = window->findChild<SettingsDialog*>();
+    ASSERT_NE(dialog, nullptr);
+    EXPECT_TRUE(dialog->isVisible());
+    // A second click brings the same dialog forward.
+    rail->SettingsButton()->click();
+    EXPECT_EQ(window->findChildren<SettingsDialog*>().size(), 1);
+
+    // A change in the dialog shows on the page's form as well.
+    auto* uptime = dialog->findChild<QCheckBox*>(QStringLiteral("uptimeVisible"));
+    ASSERT_NE(uptime, nullptr);
+    const bool before = window->CurrentSettings().uptimeVisible;
+    uptime->click();
+    EXPECT_NE(window->CurrentSettings().uptimeVisible, before);
+    auto* pageUptime = window->findChild<SettingsPage*>()->findChild<QCheckBox*>(QStringLiteral("uptimeVisible"));
+    EXPECT_EQ(pageUptime->isChecked(), window->CurrentSettings().uptimeVisible);
     window->close();
 }
 
