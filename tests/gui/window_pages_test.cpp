@@ -11,6 +11,7 @@
 #include "host/linux_client/process_table_model.h"
 #include "host/linux_client/processes_page.h"
 #include "host/linux_client/task_manager_window.h"
+#include "tests/gui/private_home_test.h"
 #include "tests/gui/window_test_support.h"
 
 #include <gtest/gtest.h>
@@ -60,15 +61,8 @@ std::shared_ptr<core::SystemSnapshot> MachineSnapshot(std::uint64_t generation) 
     return snapshot;
 }
 
-class WindowPagesTest : public ::testing::Test {
+class WindowPagesTest : public test::PrivateHomeTest {
 protected:
-    void SetUp() override {
-        ASSERT_TRUE(home_.isValid());
-        savedHome_ = qgetenv("HOME");
-        qputenv("HOME", home_.path().toLocal8Bit());
-    }
-    void TearDown() override { qputenv("HOME", savedHome_); }
-
     static std::unique_ptr<TaskManagerWindow> MakeWindow(SmokeOptions options = {}) {
         core::SettingsLoadResult loaded;
         loaded.settings.updateSpeed = core::UpdateSpeed::paused;
@@ -93,9 +87,6 @@ protected:
         }
         return nullptr;
     }
-
-    QTemporaryDir home_;
-    QByteArray savedHome_;
 };
 
 TEST_F(WindowPagesTest, TheProcessesPageShowsEverySnapshotAndTheFilterBoxNarrowsIt) {

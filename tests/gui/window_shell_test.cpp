@@ -3,6 +3,7 @@
 #include "host/linux_client/snapshot_apply_plan.h"
 #include "host/linux_client/status_bar_widget.h"
 #include "host/linux_client/task_manager_window.h"
+#include "tests/gui/private_home_test.h"
 #include "tests/gui/window_test_support.h"
 
 #include <gtest/gtest.h>
@@ -41,16 +42,8 @@ using test::ScriptedSource;
 
 constexpr int kWaitMs = 10000;
 
-// Windows under test keep their settings file in a private home.
-class WindowTest : public ::testing::Test {
+class WindowTest : public test::PrivateHomeTest {
 protected:
-    void SetUp() override {
-        ASSERT_TRUE(home_.isValid());
-        savedHome_ = qgetenv("HOME");
-        qputenv("HOME", home_.path().toLocal8Bit());
-    }
-    void TearDown() override { qputenv("HOME", savedHome_); }
-
     static core::SettingsLoadResult Paused() {
         core::SettingsLoadResult loaded;
         loaded.settings.updateSpeed = core::UpdateSpeed::paused;
@@ -71,9 +64,6 @@ protected:
         document.setHtml(html);
         return document.toPlainText();
     }
-
-    QTemporaryDir home_;
-    QByteArray savedHome_;
 };
 
 TEST_F(WindowTest, RailListsTheFifteenPagesInStackOrder) {
