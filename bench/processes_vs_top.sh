@@ -37,9 +37,11 @@ done
 
 config="$home/config/KORV/Task Manager KORV"
 mkdir -p "$config" "$home/runtime"
+# A file of another schema would be set aside as damaged, and the run would measure the defaults.
+schema="$(sed -n 's/.*kSettingsSchemaVersion = \([0-9]*\);.*/\1/p' "$root/core/settings.h")"
 chmod 700 "$home/runtime"
 cat > "$config/settings.json" <<JSON
-{"defaultPage": "processes", "updateSpeed": "normal", "visualFrameRate": 60}
+{"schemaVersion": $schema, "defaultPage": "processes", "updateSpeed": "normal", "visualFrameRate": 60}
 JSON
 HOME="$home" XDG_CONFIG_HOME="$home/config" XDG_RUNTIME_DIR="$home/runtime" \
     xvfb-run -a -s "-screen 0 1400x900x24" "$binary" >/dev/null 2>&1 &
@@ -64,6 +66,10 @@ if command -v htop >/dev/null && command -v tmux >/dev/null; then
     done
 fi
 sleep 5  # start-up settles before the measurement
+if compgen -G "$config/settings.json.corrupt.*" >/dev/null; then
+    echo "${0##*/}: the program refused the bench settings and would run on its defaults" >&2
+    exit 1
+fi
 
 ticks() { awk '{ s = $0; sub(/^.*\) /, "", s); split(s, f, " "); print f[12] + f[13] }' "/proc/$1/stat"; }
 rss() { awk '/^VmRSS:/ { printf "%.1f", $2 / 1024 }' "/proc/$1/status"; }

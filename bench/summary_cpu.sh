@@ -15,9 +15,11 @@ home="$(mktemp -d)"
 trap 'kill "$pid" 2>/dev/null || true; wait "$pid" 2>/dev/null || true; rm -rf "$home"' EXIT
 config="$home/config/KORV/Task Manager KORV"  # the organisation and application names
 mkdir -p "$config" "$home/runtime"
+# A file of another schema would be set aside as damaged, and the run would measure the defaults.
+schema="$(sed -n 's/.*kSettingsSchemaVersion = \([0-9]*\);.*/\1/p' "$root/core/settings.h")"
 chmod 700 "$home/runtime"
 cat > "$config/settings.json" <<JSON
-{"defaultPage": "summary", "updateSpeed": "$speed", "visualFrameRate": $fps, "visualBloomLevel": 7}
+{"schemaVersion": $schema, "defaultPage": "summary", "updateSpeed": "$speed", "visualFrameRate": $fps, "visualBloomLevel": 7}
 JSON
 
 HOME="$home" XDG_CONFIG_HOME="$home/config" XDG_RUNTIME_DIR="$home/runtime" \
@@ -33,6 +35,10 @@ for _ in $(seq 1 100); do
 done
 [[ -n "$pid" ]] || { echo "summary_cpu: the program did not start" >&2; exit 1; }
 sleep 5  # let start-up settle before measuring
+if compgen -G "$config/settings.json.corrupt.*" >/dev/null; then
+    echo "${0##*/}: the program refused the bench settings and would run on its defaults" >&2
+    exit 1
+fi
 
 ticks() { awk '{ s = $0; sub(/^.*\) /, "", s); split(s, f, " "); print f[12] + f[13] }' "/proc/$pid/stat"; }
 hz="$(getconf CLK_TCK)"
