@@ -1,10 +1,13 @@
 #include "host/linux_client/process_tree_view.h"
 
+#include "host/linux_client/process_item_delegate.h"
+
 #include "host/linux_client/process_table_columns.h"
 
 #include <QElapsedTimer>
 #include <QHeaderView>
 #include <QKeyEvent>
+#include <QPaintEvent>
 #include <QPainter>
 
 #include <algorithm>
@@ -36,6 +39,7 @@ ProcessTreeView::ProcessTreeView(QAbstractItemModel& model, core::Settings* sett
     setIndentation(14);
     setItemsExpandable(true);
     setContextMenuPolicy(Qt::CustomContextMenu);
+    setItemDelegate(new ProcessItemDelegate([this]() -> const QRegion& { return paintRegion_; }, this));
     setModel(&model);
 
     QHeaderView* columns = header();
@@ -55,6 +59,12 @@ ProcessTreeView::ProcessTreeView(QAbstractItemModel& model, core::Settings* sett
 }
 
 ProcessTreeView::~ProcessTreeView() = default;
+
+void ProcessTreeView::paintEvent(QPaintEvent* event) {
+    paintRegion_ = event->region();
+    QTreeView::paintEvent(event);
+    paintRegion_ = QRegion();
+}
 
 void ProcessTreeView::SaveHeaderState() {
     if (settings_ == nullptr) return;

@@ -3,6 +3,7 @@
 #include "core/settings.h"
 
 #include <QString>
+#include <QRegion>
 #include <QTreeView>
 
 #include <cstdint>
@@ -38,8 +39,12 @@ public:
     // Milliseconds of a monotonic clock, for the type-ahead's 1200 ms pause; tests put their own.
     void SetTypeAheadClock(std::function<std::int64_t()> clock);
 
+    // The region of the paint in progress (viewport coordinates); empty outside a paint.
+    const QRegion& PaintRegion() const { return paintRegion_; }
+
 protected:
     void keyPressEvent(QKeyEvent* event) override;
+    void paintEvent(QPaintEvent* event) override;
     // The indentation left of a row takes the row's own background (an exited row's wash, a group
     // header's band), so that the colour runs across the whole row.
     void drawBranches(QPainter* painter, const QRect& rect, const QModelIndex& index) const override;
@@ -53,6 +58,7 @@ private:
     QString typeAhead_;
     std::int64_t lastKeyMs_ = 0;
     bool layoutDeferred_ = false;
+    QRegion paintRegion_;
 };
 
 }  // namespace korv::host::linux_client

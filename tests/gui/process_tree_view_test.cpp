@@ -1,4 +1,5 @@
 #include "host/linux_client/process_filter_proxy_model.h"
+#include "host/linux_client/process_item_delegate.h"
 #include "host/linux_client/process_row.h"
 #include "host/linux_client/process_table_columns.h"
 #include "host/linux_client/process_table_model.h"
@@ -14,6 +15,8 @@
 #include <QDir>
 #include <QHeaderView>
 #include <QImage>
+#include <QPainter>
+#include <QStyleOptionViewItem>
 #include <QStandardItemModel>
 #include <QTest>
 
@@ -47,6 +50,33 @@ protected:
     ProcessFilterProxyModel proxy_;
 };
 
+// A cell outside the paint in progress is left alone: that is what keeps a glowing cell from
+// redrawing its whole row at every frame.
+TEST(ProcessItemDelegateTest, PaintsOnlyCellsThePaintReaches) {
+    QStandardItemModel cells(1, 2);
+    cells.setData(cells.index(0, 0), QStringLiteral("WWWWWWWW"));
+    cells.setData(cells.index(0, 1), QStringLiteral("WWWWWWWW"));
+    QRegion region(QRect(0, 0, 100, 20));
+    ProcessItemDelegate delegate([&region]() -> const QRegion& { return region; });
+
+    const auto paintCell = [&](int column, const QRect& rect) {
+        QImage image(200, 20, QImage::Format_ARGB32_Premultiplied);
+        image.fill(Qt::white);
+        QPainter painter(&image);
+        QStyleOptionViewItem option;
+        option.rect = rect;
+        option.state = QStyle::State_Enabled;
+        option.palette.setColor(QPalette::Text, Qt::black);
+        delegate.paint(&painter, option, cells.index(0, column));
+        painter.end();
+        return image;
+    };
+    QImage blank(200, 20, QImage::Format_ARGB32_Premultiplied);
+    blank.fill(Qt::white);
+    EXPECT_NE(paintCell(0, QRect(0, 0, 100, 20)), blank);    // inside the paint: drawn
+    EXPECT_EQ(paintCell(1, QRect(100, 0, 100, 20)), blank);  // beside it: skipped
+}
+
 TEST_F(ProcessTreeViewTest, IsSetUpForWholeRowsAndMovableSortableColumns) {
     const auto view = MakeView();
     EXPECT_EQ(view->selectionBehavior(), QAbstractItemView::SelectRows);
@@ -60,7 +90,7 @@ TEST_F(ProcessTreeViewTest, IsSetUpForWholeRowsAndMovableSortableColumns) {
     EXPECT_TRUE(view->header()->stretchLastSection());
     EXPECT_EQ(view->header()->sortIndicatorSection(), static_cast<int>(ProcessTableColumn::memory));
     EXPECT_EQ(view->header()->sortIndicatorOrder(), Qt::DescendingOrder);
-    EXPECT_EQ(view->header()->sectionSize(0), 220);
+    EXPECT_EQ(view->header()->sectionSize(0), ProcessTableColumnInitialWidth(0));
     EXPECT_EQ(view->header()->sectionSize(1), 70);
 }
 
@@ -84,7 +114,7 @@ TEST_F(ProcessTreeViewTest, AnUnusableHeaderStateIsIgnored) {
         const auto view = MakeView();
         EXPECT_FALSE(view->RestoreHeaderState()) << text;
         EXPECT_EQ(view->header()->visualIndex(5), 5) << text;
-        EXPECT_EQ(view->header()->sectionSize(0), 220) << text;
+        EXPECT_EQ(view->header()->sectionSize(0), ProcessTableColumnInitialWidth(0)) << text;
         EXPECT_EQ(view->header()->count(), kProcessTableColumnCount);
     }
 }
