@@ -1,15 +1,17 @@
 // The process collector against the same reads done bare and against top, side by side, on a table
 // of sleeping processes that the benchmark starts and ends itself. All figures are CPU time per
 // listed process, in microseconds:
-//   ours            a steady Refresh whose descriptor counts are still fresh (the tick within a second
-//                   of the last recount: most ticks at cadences below 1 s)
-//   ours_recount    a Refresh in which every descriptor count and executable is due again (every tick
-//                   at a 1 s cadence or slower)
+//   ours            a steady Refresh 0.25 s after the previous one: of a quiet process only stat and io
+//                   are read
+//   ours_recount    a Refresh 1.5 s after the previous one, which also reads again the descriptor
+//                   counts, executables and status of the processes whose 5 s turn has come
 //   openclose*      the same two ticks with no kept descriptors: every file opened, read and closed
 //   bare            opendir /proc, then per pid: open its directory; open, read, close stat, status,
 //                   io, cgroup; list fd; read stat again
 //   top             `top -b -n 1`, user and system time of the child from wait4
 // allocs_per_tick counts what a steady Refresh allocates beyond the rows it returns.
+// BM_QuietTicks runs ten Refreshes at a 1 s cadence over sleeping processes, so that every periodic
+// re-read of a quiet process falls inside, and reports their average beside the bare full read.
 #include "providers/process_collector.h"
 
 #include <benchmark/benchmark.h>
@@ -227,13 +229,13 @@ void BM_ProcessTable(benchmark::State& state) {
     double processes = 0, beyondRows = 0, rowAllocations = 0, kernelKept = 0;
     bool topMissing = false;
     for (auto _ : state) {
-        advance(1'500'000'000);  // every descriptor count is due
+        advance(1'500'000'000);  // some descriptor counts and status copies are due
         TickCost recount = MeasuredRefresh(kept, ctx, rows);
         oursRecount += recount.cpuMicros / static_cast<double>(recount.rows);
         recount = MeasuredRefresh(openClose, ctx, rows);
         openCloseRecount += recount.cpuMicros / static_cast<double>(recount.rows);
 
-        advance(250'000'000);  // counts are fresh
+        advance(250'000'000);  // nothing is due
         const TickCost closed = MeasuredRefresh(openClose, ctx, rows);
         openCloseSteady += closed.cpuMicros / static_cast<double>(closed.rows);
         const TickCost steady = MeasuredRefresh(kept, ctx, rows);
@@ -267,6 +269,43 @@ void BM_ProcessTable(benchmark::State& state) {
     state.counters["kept_fds"] = average(kernelKept);
     if (topMissing) state.SetLabel("top could not be run");
 }
+
+void BM_QuietTicks(benchmark::State& state) {
+    const SleepingProcesses children(static_cast<int>(state.range(0)), 1);
+    ProcessCollector collector(ProviderRoots{});
+    std::vector<ProcessSnapshot> rows;
+    CollectContext ctx;
+    std::uint64_t clock = 1'000'000'000;
+    const auto tick = [&] {
+        clock += 1'000'000'000;
+        ++ctx.generation;
+        ctx.monotonicNs = clock;
+        ctx.elapsedNs = 1'000'000'000;
+        return MeasuredRefresh(collector, ctx, rows);
+    };
+    tick();  // first sight of every process
+    constexpr int kTicks = 10;
+    double ours = 0, bare = 0, processes = 0;
+    for (auto _ : state) {
+        double wall = 0;
+        for (int i = 0; i < kTicks; ++i) {
+            const TickCost cost = tick();
+            ours += cost.cpuMicros / static_cast<double>(cost.rows) / kTicks;
+            processes += static_cast<double>(cost.rows) / kTicks;
+            wall += cost.wallSeconds;
+        }
+        state.SetIterationTime(wall / kTicks);
+        const double bareStart = ThreadCpuMicros();
+        const std::size_t listed = BareReferenceTick();
+        bare += (ThreadCpuMicros() - bareStart) / static_cast<double>(listed);
+    }
+    const auto average = [](double value) { return benchmark::Counter(value, benchmark::Counter::kAvgIterations); };
+    state.counters["procs"] = average(processes);
+    state.counters["ours_us"] = average(ours);
+    state.counters["bare_us"] = average(bare);
+}
+
+BENCHMARK(BM_QuietTicks)->Arg(500)->Iterations(3)->UseManualTime()->Unit(benchmark::kMillisecond);
 
 // 2,000 single-threaded sleepers; 200 processes of 20 threads each.
 BENCHMARK(BM_ProcessTable)->Args({2000, 1})->Args({200, 20})->Iterations(5)->UseManualTime()->Unit(benchmark::kMillisecond);

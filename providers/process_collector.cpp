@@ -6,6 +6,7 @@
 #include "providers/process_directory.h"
 #include "providers/process_figures.h"
 #include "providers/process_files.h"
+#include "providers/process_refresh.h"
 #include "providers/process_row.h"
 #include "providers/process_status.h"
 #include "providers/process_user_names.h"
@@ -41,9 +42,16 @@ struct TrackedProcess {
     std::uint64_t sampleNs = 0;  // the context's monotonic time of the baselines
     DescriptorCountState descriptors;
     bool haveExecutable = false;
+    std::uint64_t slowDueNs = 0;  // when the descriptor count, executable and cgroup are read again
     std::string executable;
     std::string executableComm;    // comm when the executable was read: a change means an exec
     std::string applicationScope;  // the ".scope" unit under app.slice; empty for background
+    // The last status that was read, and what stat said then: a quiet process reuses it.
+    bool haveStatus = false;
+    ParsedProcStatus status;
+    StatusMarks statusMarks;
+    std::uint64_t statusReadNs = 0;
+    std::uint64_t statusDueNs = 0;
 };
 
 }  // namespace
@@ -79,7 +87,7 @@ struct ProcessCollector::Impl {
     const core::ProcessSnapshot prototype;
     std::uint64_t hz = 0;
     std::uint64_t pageSize = 4096;
-    std::uint64_t nowNs = 0;  // this tick's clock for the descriptor-count ages
+    std::uint64_t nowNs = 0;  // this tick's clock for the ages of reused figures
     bool pinnedRoot = false;  // the root is a procfs mount: a pid directory descriptor pins its process
 
     std::vector<TrackedProcess> tracked;  // sorted by key
@@ -219,6 +227,9 @@ void ProcessCollector::Impl::ReadProcess(int rootFd, std::uint32_t pid, TrackedP
     FillCpuPercent(row, totalNs, Baseline(entry.haveCpu, entry.cpuTimeNs, entry.sampleNs, ctx), processors,
                    generation);
 
+    DescriptorCountState descriptors = entry.descriptors;
+    RefreshSlowFigures(entry, *stat, ctx, row, descriptors);
+
     // io: the process may refuse it; that touches these metrics only.
     int error = entry.files.Read(ProcFile::io, kProcPidIoLimit, fileBuffer);
     ProcIoParse io;
@@ -230,18 +241,31 @@ void ProcessCollector::Impl::ReadProcess(int rootFd, std::uint32_t pid, TrackedP
            Baseline(entry.haveIo, entry.writeBytes, entry.sampleNs, ctx), generation);
     const bool haveIo = error == 0 && io.io.readBytes && io.io.writeBytes;
 
-    DescriptorCountState descriptors = entry.descriptors;
-    RefreshSlowFigures(entry, *stat, ctx, row, descriptors);
-
-    // status comes last: on procfs its success through the pinned directory shows that the process
-    // lived through every read of its row.
-    error = entry.files.Read(ProcFile::status, kProcPidStatusLimit, fileBuffer);
-    const std::optional<std::uint32_t> uid = FillStatus(row, fileBuffer, error, stat->rss, pageSize, generation);
+    // status only when stat shows that its figures may have moved, or its kept copy is old; a read
+    // comes last, after io.
+    const StatusMarks marks = MarksOf(*stat);
+    const bool readStatus = !entry.haveStatus || entry.statusMarks != marks ||
+                            ReadDue(entry.statusDueNs, kStatusIntervalNs, nowNs);
+    std::optional<ParsedProcStatus> status;
+    std::optional<std::uint32_t> uid;
+    if (readStatus) {
+        error = entry.files.Read(ProcFile::status, kProcPidStatusLimit, fileBuffer);
+        if (error == 0) {
+            status = ParseProcPidStatus(fileBuffer);
+            uid = FillStatus(row, *status, 0, stat->rss, pageSize, generation);
+        } else {
+            FillStatusError(row, error, stat->rss, pageSize, generation);
+        }
+    } else {
+        const std::uint64_t age = nowNs >= entry.statusReadNs ? nowNs - entry.statusReadNs : 0;
+        uid = FillStatus(row, entry.status, age, stat->rss, pageSize, generation);
+    }
     if (uid) row.userName = userNames.Name(*uid, ctx.stop);
 
     // The row stands only if the process is still the one whose stat began it. Reads relative to a
-    // procfs pid directory cannot reach another process, so there a successful last read settles it;
-    // on any other root, or after a failed read, stat is read again and its start time compared.
+    // procfs pid directory cannot reach another process, so there a successful last read (status, or
+    // io when status was not read) settles it; on any other root, or after a failed last read, stat
+    // is read again and its start time compared.
     if (!pinnedRoot || error != 0) {
         const std::optional<ParsedProcStat> second = ReadStat(entry.files, pid);
         if (!second || second->starttime != key.startTime) {
@@ -251,6 +275,17 @@ void ProcessCollector::Impl::ReadProcess(int rootFd, std::uint32_t pid, TrackedP
                 next.push_back(std::move(entry));
             }
             return;
+        }
+    }
+    if (readStatus) {
+        if (status) {
+            entry.statusDueNs = NextReadNs(nowNs, kStatusIntervalNs, pid, !entry.haveStatus);
+            entry.haveStatus = true;
+            entry.status = *status;
+            entry.statusMarks = marks;
+            entry.statusReadNs = nowNs;
+        } else {
+            entry.haveStatus = false;
         }
     }
     entry.haveCpu = true;
@@ -266,25 +301,26 @@ void ProcessCollector::Impl::ReadProcess(int rootFd, std::uint32_t pid, TrackedP
     next.push_back(std::move(entry));
 }
 
-// Once a second per key, and at once after an exec (comm changes): the descriptor count, the
-// executable and the application scope. Each costs a read that rarely tells anything new.
+// At first sight, at once after an exec (comm changes) and then every few seconds: the descriptor
+// count, the executable and the application scope. Each costs a read that rarely tells anything new.
 void ProcessCollector::Impl::RefreshSlowFigures(TrackedProcess& entry, const ParsedProcStat& stat,
                                                 const CollectContext& ctx, core::ProcessSnapshot& row,
                                                 DescriptorCountState& descriptors) {
-    const bool due = DescriptorCountDue(descriptors, nowNs);
-    if (due) {
+    const bool firstRead = !entry.haveExecutable;
+    if (!firstRead && entry.executableComm == stat.comm &&
+        !ReadDue(entry.slowDueNs, kSlowFigureIntervalNs, nowNs)) {
+        ApplyDescriptorCount(descriptors, nullptr, nowNs, ctx.generation, row.handleCount);
+    } else {
         const DirectoryCount count = CountDirectoryEntries(entry.files.Directory(), "fd", directoryBuffer);
         ApplyDescriptorCount(descriptors, &count, nowNs, ctx.generation, row.handleCount);
         entry.files.RetryRefusedOpens();
-    } else {
-        ApplyDescriptorCount(descriptors, nullptr, nowNs, ctx.generation, row.handleCount);
-    }
-    if (due || !entry.haveExecutable || entry.executableComm != stat.comm) {
+
         char target[PATH_MAX];
         const ssize_t length = ::readlinkat(entry.files.Directory(), "exe", target, sizeof target);
         entry.executable.assign(target, length > 0 ? static_cast<std::size_t>(length) : 0);  // none: kernel thread
         entry.haveExecutable = true;
         entry.executableComm = stat.comm;
+        entry.slowDueNs = NextReadNs(nowNs, kSlowFigureIntervalNs, stat.pid, firstRead);
 
         entry.applicationScope.clear();
         if (entry.files.Read(ProcFile::cgroup, kProcPidCgroupLimit, fileBuffer) == 0) {

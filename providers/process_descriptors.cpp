@@ -27,20 +27,15 @@ DirectoryCount CountDirectoryEntries(int directoryFd, const char* relativePath, 
     return result;
 }
 
-bool DescriptorCountDue(const DescriptorCountState& state, std::uint64_t nowNs) noexcept {
-    return !state.have || nowNs < state.readNs || nowNs - state.readNs > kDescriptorCountReuseNs;
-}
-
 void ApplyDescriptorCount(DescriptorCountState& state, const DirectoryCount* read, std::uint64_t nowNs,
                           std::uint64_t generation, core::Metric<std::uint64_t>& out) {
     if (read != nullptr && read->error == 0) {
-        state = {true, read->count, nowNs, generation};
-        out.Set(read->count, generation);
-        out.sampleAgeNs = 0;
-        return;
+        state = {true, read->count, nowNs, generation, 0};
+    } else if (read != nullptr) {
+        state.error = read->error;
     }
     const std::uint64_t age = nowNs >= state.readNs ? nowNs - state.readNs : 0;
-    if (read == nullptr && state.have) {
+    if (state.have && state.error == 0) {
         out.Set(state.count, state.generation);
         out.sampleAgeNs = age;
         return;
@@ -53,7 +48,7 @@ void ApplyDescriptorCount(DescriptorCountState& state, const DirectoryCount* rea
         return;
     }
     state.have = false;
-    out.MarkMissing(read != nullptr ? AvailabilityFromErrno(read->error) : core::MetricAvailability::notYetAvailable);
+    out.MarkMissing(state.error != 0 ? AvailabilityFromErrno(state.error) : core::MetricAvailability::notYetAvailable);
 }
 
 }  // namespace korv::providers

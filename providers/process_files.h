@@ -11,7 +11,7 @@ namespace korv::providers {
 enum class ProcFile : std::uint8_t { stat = 0, status = 1, io = 2, cgroup = 3 };
 inline constexpr std::size_t kProcFileCount = 4;
 
-// The files read on every tick are kept open; cgroup is read once a second and opened each time.
+// The files read on most ticks are kept open; cgroup is read every five seconds and opened each time.
 constexpr bool KeepsOpen(ProcFile file) noexcept { return file != ProcFile::cgroup; }
 
 // How many descriptors the collector may keep open between ticks. A kept process holds its

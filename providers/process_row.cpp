@@ -49,6 +49,15 @@ void SetRate(core::Metric<double>& metric, const std::optional<std::uint64_t>& n
     metric.Set(static_cast<double>(delta) * 1e9 / static_cast<double>(previous.elapsedNs), generation);
 }
 
+// The working set from stat's resident pages, for a process whose status gives none.
+void SetStatRss(core::ProcessSnapshot& row, std::int64_t statRssPages, std::uint64_t pageSize,
+                std::uint64_t generation) {
+    const std::uint64_t pages = statRssPages > 0 ? static_cast<std::uint64_t>(statRssPages) : 0;
+    row.workingSetBytes.Set(core::SaturatingMultiply(pages, pageSize), generation);
+    row.workingSetBytes.source = kSourceStatRss;
+    row.workingSetBytes.quality = MetricQuality::fallback;
+}
+
 }  // namespace
 
 core::ProcessSnapshot PrototypeProcessRow() {
@@ -124,35 +133,34 @@ void FillIo(core::ProcessSnapshot& row, const ProcIoParse& io, int error, const 
     SetRate(row.writeBytesPerSecond, io.io.writeBytes, previousWrite, generation);
 }
 
-std::optional<std::uint32_t> FillStatus(core::ProcessSnapshot& row, std::string_view statusText, int error,
-                                        std::int64_t statRssPages, std::uint64_t pageSize,
-                                        std::uint64_t generation) {
-    std::optional<std::uint32_t> uid;
-    std::optional<std::uint64_t> rssKib;
-    if (error == 0) {
-        const ParsedProcStatus status = ParseProcPidStatus(statusText);
-        rssKib = status.vmRssKib;
-        constexpr MetricAvailability kAbsent = MetricAvailability::notApplicable;  // a kernel thread
-        SetKibMetric(row.peakWorkingSetBytes, status.vmHwmKib, generation, kAbsent);
-        SetKibMetric(row.privateBytes, status.rssAnonKib, generation, kAbsent);
-        SetKibSumMetric(row.sharedBytes, status.rssFileKib, status.rssShmemKib, generation, kAbsent);
-        SetKibMetric(row.swapBytes, status.vmSwapKib, generation, kAbsent);
-        if (status.uid && *status.uid <= UINT32_MAX) uid = static_cast<std::uint32_t>(*status.uid);
+std::optional<std::uint32_t> FillStatus(core::ProcessSnapshot& row, const ParsedProcStatus& status,
+                                        std::uint64_t statusAgeNs, std::int64_t statRssPages,
+                                        std::uint64_t pageSize, std::uint64_t generation) {
+    constexpr MetricAvailability kAbsent = MetricAvailability::notApplicable;  // a kernel thread
+    SetKibMetric(row.peakWorkingSetBytes, status.vmHwmKib, generation, kAbsent);
+    SetKibMetric(row.privateBytes, status.rssAnonKib, generation, kAbsent);
+    SetKibSumMetric(row.sharedBytes, status.rssFileKib, status.rssShmemKib, generation, kAbsent);
+    SetKibMetric(row.swapBytes, status.vmSwapKib, generation, kAbsent);
+    for (auto* metric : {&row.peakWorkingSetBytes, &row.privateBytes, &row.sharedBytes, &row.swapBytes}) {
+        metric->sampleAgeNs = statusAgeNs;
+    }
+    if (status.vmRssKib) {
+        SetKibMetric(row.workingSetBytes, status.vmRssKib, generation, kAbsent);
+        row.workingSetBytes.sampleAgeNs = statusAgeNs;
     } else {
-        const MetricAvailability missing = AvailabilityFromErrno(error);
-        for (auto* metric : {&row.peakWorkingSetBytes, &row.privateBytes, &row.sharedBytes, &row.swapBytes}) {
-            metric->MarkMissing(missing);
-        }
+        SetStatRss(row, statRssPages, pageSize, generation);
     }
-    if (rssKib) {
-        SetKibMetric(row.workingSetBytes, rssKib, generation, MetricAvailability::notApplicable);
-        return uid;
+    if (status.uid && *status.uid <= UINT32_MAX) return static_cast<std::uint32_t>(*status.uid);
+    return std::nullopt;
+}
+
+void FillStatusError(core::ProcessSnapshot& row, int error, std::int64_t statRssPages, std::uint64_t pageSize,
+                     std::uint64_t generation) {
+    const MetricAvailability missing = AvailabilityFromErrno(error);
+    for (auto* metric : {&row.peakWorkingSetBytes, &row.privateBytes, &row.sharedBytes, &row.swapBytes}) {
+        metric->MarkMissing(missing);
     }
-    const std::uint64_t pages = statRssPages > 0 ? static_cast<std::uint64_t>(statRssPages) : 0;
-    row.workingSetBytes.Set(core::SaturatingMultiply(pages, pageSize), generation);
-    row.workingSetBytes.source = kSourceStatRss;
-    row.workingSetBytes.quality = MetricQuality::fallback;
-    return uid;
+    SetStatRss(row, statRssPages, pageSize, generation);
 }
 
 }  // namespace korv::providers

@@ -17,6 +17,7 @@
 #include <pwd.h>
 #include <string>
 #include <sys/prctl.h>
+#include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -312,8 +313,86 @@ TEST_P(FixtureCollectorTest, StopDuringTheReadsCancelsTheCollection) {
     EXPECT_EQ(result.message, "Process enumeration cancelled");
 }
 
+// Status is read again only when stat moves or its copy grows old; in between its figures are the
+// kept ones, with the current generation and the age of the read.
+TEST_P(FixtureCollectorTest, QuietProcessReusesItsStatusUntilStatMoves) {
+    FakeProcess p{.pid = 10};
+    p.WriteTo(root.path);
+    const auto statusWithRss = [](int kib) {
+        return "Uid:\t0\t0\t0\t0\nVmHWM:\t9000 kB\nVmRSS:\t" + std::to_string(kib) +
+               " kB\nRssAnon:\t" + std::to_string(kib) + " kB\n";
+    };
+    struct Step {
+        const char* what;
+        std::uint64_t atNs;
+        std::function<void(FakeProcess&)> move;  // what changes in stat before the tick
+        int statusKib;                           // what status says from now on
+        int shownKib;
+        std::uint64_t ageNs;
+    };
+    const std::vector<Step> steps = {
+        {"first sight", 10'000'000'000, nullptr, 200, 200, 0},
+        {"quiet", 10'300'000'000, nullptr, 300, 200, 300'000'000},
+        {"ran", 10'600'000'000, [](FakeProcess& f) { ++f.utime; }, 400, 400, 0},
+        {"quiet again", 10'900'000'000, nullptr, 500, 400, 300'000'000},
+        {"resident pages moved", 11'000'000'000, [](FakeProcess& f) { ++f.rss; }, 600, 600, 0},
+        {"quiet for almost 5 s", 15'500'000'000, nullptr, 700, 600, 4'500'000'000},
+        {"quiet for 5 s", 16'000'000'000, nullptr, 800, 800, 0},
+    };
+    ProcessCollector collector = MakeCollector();
+    std::vector<ProcessSnapshot> rows;
+    std::uint64_t generation = 0;
+    for (const Step& step : steps) {
+        if (step.move) {
+            step.move(p);
+            WriteText(root.path / "10" / "stat", p.Stat());
+        }
+        WriteText(root.path / "10" / "status", statusWithRss(step.statusKib));
+        ASSERT_TRUE(collector.Refresh(Tick(++generation, step.atNs), 2, rows).ok) << step.what;
+        const ProcessSnapshot* row = Find(rows, 10);
+        ASSERT_NE(row, nullptr) << step.what;
+        EXPECT_EQ(row->workingSetBytes.value, step.shownKib * 1024u) << step.what;
+        EXPECT_EQ(row->privateBytes.value, step.shownKib * 1024u) << step.what;
+        for (const auto* metric : {&row->workingSetBytes, &row->privateBytes, &row->peakWorkingSetBytes}) {
+            EXPECT_EQ(metric->sampleAgeNs, step.ageNs) << step.what;
+            EXPECT_EQ(metric->lastGoodGeneration, generation) << step.what;
+        }
+        EXPECT_EQ(row->swapBytes.availability, MetricAvailability::notApplicable) << step.what;
+        EXPECT_EQ(row->userName, "root") << step.what;
+        EXPECT_EQ(row->virtualBytes.sampleAgeNs, 0u) << "stat is read every tick";
+    }
+}
+
 INSTANTIATE_TEST_SUITE_P(Designs, FixtureCollectorTest, ::testing::Values(std::size_t{0}, std::size_t{1000}),
                          [](const ::testing::TestParamInfo<std::size_t>& design) { return design.param == 0 ? "OpenReadClose" : "KeptDescriptors"; });
+
+// On a root that does not pin its processes, a tick that skips status still reads stat again at the
+// end: here the pid is reused while io is being read.
+TEST(ProcessCollectorQuietTickTest, PidReusedDuringAQuietTickDropsTheRow) {
+    TempRoot root;
+    FakeProcess p{.pid = 10};
+    FakeProcess q{.pid = 20};
+    p.WriteTo(root.path);
+    q.WriteTo(root.path);
+    ProcessCollector collector(ProviderRoots{.proc = root.path}, 0);
+    std::vector<ProcessSnapshot> rows;
+    ASSERT_TRUE(collector.Refresh(Tick(1, 1'000'000'000), 2, rows).ok);
+    ASSERT_NE(Find(rows, 10), nullptr);
+
+    fs::remove(root.path / "10" / "io");
+    FakeProcess successor = p;
+    successor.start = 7777;
+    ProcessTableResult result;
+    {
+        const FifoFeeder feeder(root.path / "10" / "io", p.io,
+                                [&] { WriteText(root.path / "10" / "stat", successor.Stat()); });
+        result = collector.Refresh(Tick(2, 1'300'000'000), 2, rows);
+    }
+    ASSERT_TRUE(result.ok) << result.message;
+    ASSERT_EQ(rows.size(), 1u);
+    EXPECT_EQ(rows[0].key.pid, 20u);
+    EXPECT_GT(rows[0].workingSetBytes.sampleAgeNs, 0u) << "status was not read on this tick";
+}
 
 TEST(ProcessCollectorErrorsTest, EnumerationFailuresAndLimits) {
     TempRoot root;
@@ -519,6 +598,191 @@ TEST(ProcessCollectorLiveTest, ChildThatExitsMidCollectionIsDropped) {
         ASSERT_NE(Find(rows, static_cast<std::uint32_t>(staying)), nullptr);
         EXPECT_EQ(Find(rows, static_cast<std::uint32_t>(staying))->name, "korv-staying");
     }
+}
+
+// A child that waits for one-letter commands and answers each with the same letter: 'm' touches
+// 64 MiB, 'f' opens 50 files, 'x' execs sleep (answered by the pipe closing on exec).
+class CommandedChild {
+public:
+    static constexpr std::size_t kTouchedBytes = 64u << 20;
+
+    CommandedChild() {
+        int commands[2];
+        int answers[2];
+        if (::pipe2(commands, O_CLOEXEC) != 0 || ::pipe2(answers, O_CLOEXEC) != 0) return;
+        pid_ = ::fork();
+        if (pid_ == 0) {
+            ::prctl(PR_SET_NAME, "korv-commanded");
+            ::close(commands[1]);
+            ::close(answers[0]);
+            Serve(commands[0], answers[1]);
+            ::_exit(0);
+        }
+        ::close(commands[0]);
+        ::close(answers[1]);
+        commands_ = commands[1];
+        answers_ = answers[0];
+    }
+    ~CommandedChild() {
+        if (pid_ > 0) {
+            ::kill(pid_, SIGKILL);
+            ::waitpid(pid_, nullptr, 0);
+        }
+        ::close(commands_);
+        ::close(answers_);
+    }
+    CommandedChild(const CommandedChild&) = delete;
+    CommandedChild& operator=(const CommandedChild&) = delete;
+
+    std::uint32_t Pid() const { return pid_ > 0 ? static_cast<std::uint32_t>(pid_) : 0; }
+    bool Run(char command) {
+        if (::write(commands_, &command, 1) != 1) return false;
+        char reply = 0;
+        const ssize_t got = ::read(answers_, &reply, 1);
+        return command == 'x' ? got == 0 : got == 1 && reply == command;
+    }
+
+private:
+    static void Serve(int commands, int answers) {
+        char command;
+        while (::read(commands, &command, 1) == 1) {
+            if (command == 'm') {
+                void* block = ::mmap(nullptr, kTouchedBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+                if (block == MAP_FAILED) ::_exit(4);
+                std::memset(block, 1, kTouchedBytes);
+            } else if (command == 'f') {
+                for (int i = 0; i < 50; ++i) (void)!::open("/dev/null", O_RDONLY);
+            } else if (command == 'x') {
+                ::execl("/bin/sleep", "sleep", "100000", static_cast<char*>(nullptr));
+            }
+            (void)!::write(answers, &command, 1);
+        }
+    }
+
+    pid_t pid_ = -1;
+    int commands_ = -1;
+    int answers_ = -1;
+};
+
+constexpr std::uint64_t kLiveStartNs = 100'000'000'000;
+
+const ProcessSnapshot* LiveTick(ProcessCollector& collector, std::uint64_t generation, std::uint64_t atNs,
+                                std::uint32_t pid, std::vector<ProcessSnapshot>& rows) {
+    if (!collector.Refresh(Tick(generation, atNs), 2, rows).ok) return nullptr;
+    return Find(rows, pid);
+}
+
+// A sleeping child whose stat does not move keeps the status figures of its first read, aging.
+TEST(ProcessCollectorLiveTest, SleepingChildReusesItsStatusWithAGrowingAge) {
+    LiveChildren children;
+    const pid_t child = children.Start("korv-quiet", 0, 0);
+    ASSERT_GT(child, 0);
+    const std::uint32_t pid = static_cast<std::uint32_t>(child);
+    const auto marks = [&] {
+        const ProcStatRead read = ReadProcPidStat("/proc", pid);
+        return read.stat ? std::to_string(read.stat->utime + read.stat->stime) + " " +
+                               std::to_string(read.stat->rss) + " " + std::to_string(read.stat->minflt) + " " +
+                               std::to_string(read.stat->majflt) + " " + read.stat->state
+                         : std::string();
+    };
+    // The child may still be settling into pause(); a round in which its stat moved proves nothing.
+    bool quietRound = false;
+    for (int attempt = 0; attempt < 20 && !quietRound; ++attempt) {
+        const std::string before = marks();
+        ProcessCollector collector(ProviderRoots{});
+        std::vector<ProcessSnapshot> rows;
+        const ProcessSnapshot* row = LiveTick(collector, 1, kLiveStartNs, pid, rows);
+        ASSERT_NE(row, nullptr);
+        const std::uint64_t firstRss = row->workingSetBytes.value.value_or(0);
+        ASSERT_GT(firstRss, 0u);
+        EXPECT_EQ(row->workingSetBytes.sampleAgeNs, 0u);
+        std::vector<std::uint64_t> ages;
+        for (std::uint64_t tick = 2; tick <= 3; ++tick) {
+            row = LiveTick(collector, tick, kLiveStartNs + (tick - 1) * 300'000'000, pid, rows);
+            ASSERT_NE(row, nullptr);
+            ages.push_back(row->workingSetBytes.sampleAgeNs);
+            if (before != marks() || before.back() != 'S') break;
+            EXPECT_EQ(row->workingSetBytes.value, firstRss);
+            EXPECT_EQ(row->workingSetBytes.lastGoodGeneration, tick);
+            EXPECT_EQ(row->privateBytes.sampleAgeNs, row->workingSetBytes.sampleAgeNs);
+            EXPECT_TRUE(row->peakWorkingSetBytes.HasValue());
+        }
+        quietRound = before == marks() && before.back() == 'S';
+        if (quietRound) {
+            EXPECT_EQ(ages, (std::vector<std::uint64_t>{300'000'000, 600'000'000}));
+        }
+    }
+    EXPECT_TRUE(quietRound) << "the child never stayed still";
+}
+
+TEST(ProcessCollectorLiveTest, ChildThatTouchesMemoryShowsItAtTheNextTick) {
+    CommandedChild child;
+    ASSERT_GT(child.Pid(), 0u);
+    ASSERT_TRUE(child.Run('f')) << "a first command settles the child";
+    ProcessCollector collector(ProviderRoots{});
+    std::vector<ProcessSnapshot> rows;
+    const ProcessSnapshot* row = LiveTick(collector, 1, kLiveStartNs, child.Pid(), rows);
+    ASSERT_NE(row, nullptr);
+    const std::uint64_t workingSet = row->workingSetBytes.value.value_or(0);
+    const std::uint64_t privateBytes = row->privateBytes.value.value_or(0);
+    ASSERT_TRUE(child.Run('m'));
+    row = LiveTick(collector, 2, kLiveStartNs + 300'000'000, child.Pid(), rows);
+    ASSERT_NE(row, nullptr);
+    const std::uint64_t grown = CommandedChild::kTouchedBytes;
+    EXPECT_GE(row->workingSetBytes.value.value_or(0), workingSet + grown);
+    EXPECT_GE(row->privateBytes.value.value_or(0), privateBytes + grown);
+    EXPECT_GE(row->peakWorkingSetBytes.value.value_or(0), workingSet + grown);
+    EXPECT_EQ(row->privateBytes.sampleAgeNs, 0u);
+}
+
+TEST(ProcessCollectorLiveTest, ChildThatExecsShowsItsNewExecutableAtTheNextTick) {
+    std::error_code error;
+    const fs::path sleepPath = fs::canonical("/bin/sleep", error);
+    if (error) GTEST_SKIP() << "no /bin/sleep to exec";
+    CommandedChild child;
+    ASSERT_GT(child.Pid(), 0u);
+    ProcessCollector collector(ProviderRoots{});
+    std::vector<ProcessSnapshot> rows;
+    const ProcessSnapshot* row = LiveTick(collector, 1, kLiveStartNs, child.Pid(), rows);
+    ASSERT_NE(row, nullptr);
+    EXPECT_EQ(row->executablePath, fs::read_symlink("/proc/self/exe").native());
+    ASSERT_TRUE(child.Run('x'));
+    row = LiveTick(collector, 2, kLiveStartNs + 300'000'000, child.Pid(), rows);
+    ASSERT_NE(row, nullptr);
+    EXPECT_EQ(row->executablePath, sleepPath.native());
+    EXPECT_EQ(row->name, "sleep");
+    EXPECT_EQ(row->handleCount.sampleAgeNs, 0u) << "an exec recounts the descriptors too";
+}
+
+// Descriptors are recounted every 5 s at the latest; a reused count says how old it is.
+TEST(ProcessCollectorLiveTest, DescriptorsOpenedByAChildShowWithinFiveSeconds) {
+    CommandedChild child;
+    ASSERT_GT(child.Pid(), 0u);
+    ProcessCollector collector(ProviderRoots{});
+    std::vector<ProcessSnapshot> rows;
+    const ProcessSnapshot* row = LiveTick(collector, 1, kLiveStartNs, child.Pid(), rows);
+    ASSERT_NE(row, nullptr);
+    const std::uint64_t before = row->handleCount.value.value_or(0);
+    ASSERT_GT(before, 0u);
+    ASSERT_TRUE(child.Run('f'));
+    std::uint64_t lastReadNs = kLiveStartNs;
+    bool shown = false;
+    for (std::uint64_t tick = 2; tick <= 6; ++tick) {
+        const std::uint64_t nowNs = kLiveStartNs + (tick - 1) * 1'000'000'000;
+        row = LiveTick(collector, tick, nowNs, child.Pid(), rows);
+        ASSERT_NE(row, nullptr);
+        if (row->handleCount.sampleAgeNs == 0) lastReadNs = nowNs;
+        EXPECT_EQ(row->handleCount.sampleAgeNs, nowNs - lastReadNs) << "tick " << tick;
+        EXPECT_EQ(row->handleCount.availability, MetricAvailability::valid);
+        if (row->handleCount.value == before + 50) {
+            EXPECT_TRUE(shown || row->handleCount.sampleAgeNs == 0) << "first shown by a recount";
+            shown = true;
+        } else {
+            EXPECT_FALSE(shown) << "a count once shown stays";
+            EXPECT_EQ(row->handleCount.value, before);
+        }
+    }
+    EXPECT_TRUE(shown) << "within 5 s of the opens";
 }
 
 // A real pid reuse: the kernel hands the pid of a reaped child to the next fork when ns_last_pid is

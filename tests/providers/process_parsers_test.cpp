@@ -4,12 +4,16 @@
 #include "providers/process_descriptors.h"
 #include "providers/process_directory.h"
 #include "providers/process_figures.h"
+#include "providers/process_refresh.h"
 #include "providers/process_status.h"
 #include "providers/process_user_names.h"
 
 #include <cstdint>
+#include <functional>
 #include <limits>
+#include <optional>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -222,38 +226,89 @@ TEST(PidNameTest, OnlyPositiveDecimalNames) {
     EXPECT_STREQ(PidText(4294967295u, text), "4294967295");
 }
 
-// Descriptor counts: reused for a second, kept as stale for 2 s after a failed read, then missing.
-TEST(DescriptorCountTest, RateLimitAndFailureRules) {
+// Descriptor counts: a reuse repeats what the last read gave, with its age; after a failed read a
+// count is kept as stale until it is 10 s old, then the errno decides.
+TEST(DescriptorCountTest, ReuseAndFailureRules) {
     DescriptorCountState state;
     core::Metric<std::uint64_t> metric;
-    ASSERT_TRUE(DescriptorCountDue(state, 5));
+    ApplyDescriptorCount(state, nullptr, 5, 1, metric);
+    EXPECT_EQ(metric.availability, MetricAvailability::notYetAvailable) << "nothing read yet";
     DirectoryCount ok{7, 0};
     ApplyDescriptorCount(state, &ok, 1'000, 3, metric);
     EXPECT_EQ(metric.value, 7u);
     EXPECT_EQ(metric.availability, MetricAvailability::valid);
+    EXPECT_EQ(metric.sampleAgeNs, 0u);
 
-    EXPECT_FALSE(DescriptorCountDue(state, 1'000 + 999'999'999));
-    ApplyDescriptorCount(state, nullptr, 1'000 + 500'000'000, 4, metric);
+    ApplyDescriptorCount(state, nullptr, 1'000 + 4'500'000'000, 4, metric);
     EXPECT_EQ(metric.value, 7u);
+    EXPECT_EQ(metric.availability, MetricAvailability::valid);
     EXPECT_EQ(metric.lastGoodGeneration, 3u) << "a reused count keeps the generation it was read in";
-    EXPECT_EQ(metric.sampleAgeNs, 500'000'000u);
-    EXPECT_TRUE(DescriptorCountDue(state, 1'000 + 1'000'000'000));
+    EXPECT_EQ(metric.sampleAgeNs, 4'500'000'000u);
 
     const DirectoryCount denied{0, EACCES};
-    ApplyDescriptorCount(state, &denied, 1'000 + 1'999'999'999, 5, metric);
+    ApplyDescriptorCount(state, &denied, 1'000 + 5'000'000'000, 5, metric);
     EXPECT_EQ(metric.availability, MetricAvailability::stale);
     EXPECT_EQ(metric.value, 7u);
     EXPECT_EQ(state.readNs, 1'000u) << "a kept count keeps its old read time";
+    ApplyDescriptorCount(state, nullptr, 1'000 + 9'999'999'999, 6, metric);
+    EXPECT_EQ(metric.availability, MetricAvailability::stale) << "a reused failure stays stale, not valid";
+    EXPECT_EQ(metric.sampleAgeNs, 9'999'999'999u);
 
-    ApplyDescriptorCount(state, &denied, 1'000 + 2'000'000'000, 6, metric);
+    ApplyDescriptorCount(state, &denied, 1'000 + 10'000'000'000, 7, metric);
     EXPECT_EQ(metric.availability, MetricAvailability::accessDenied);
     EXPECT_FALSE(metric.value.has_value());
+    ApplyDescriptorCount(state, nullptr, 1'000 + 12'000'000'000, 8, metric);
+    EXPECT_EQ(metric.availability, MetricAvailability::accessDenied) << "reused until the next read";
     const DirectoryCount gone{0, ESRCH};
-    ApplyDescriptorCount(state, &gone, 1'000 + 2'100'000'000, 7, metric);
+    ApplyDescriptorCount(state, &gone, 1'000 + 15'000'000'000, 9, metric);
     EXPECT_EQ(metric.availability, MetricAvailability::notYetAvailable);
     const DirectoryCount none{0, 0};
-    ApplyDescriptorCount(state, &none, 1'000 + 2'200'000'000, 8, metric);
+    ApplyDescriptorCount(state, &none, 1'000 + 20'000'000'000, 10, metric);
     EXPECT_EQ(metric.availability, MetricAvailability::zero);
+    EXPECT_EQ(metric.sampleAgeNs, 0u);
+}
+
+// Reads of quiet processes: at most every interval (less the slack), the first one after first sight
+// sooner by pid so that a crowd first seen together spreads over five ticks.
+TEST(RefreshScheduleTest, FirstReadsSpreadOverFiveTicksThenEveryInterval) {
+    constexpr std::uint64_t kSecond = 1'000'000'000;
+    std::vector<int> dueAt(kRefreshPhases, 0);
+    for (std::uint32_t pid = 100; pid < 100 + 5 * kRefreshPhases; ++pid) {
+        const std::uint64_t due = NextReadNs(10 * kSecond, 5 * kSecond, pid, true);
+        int tick = 1;
+        while (!ReadDue(due, 5 * kSecond, (10 + tick) * kSecond)) ++tick;
+        ASSERT_LE(tick, 5) << pid;
+        ++dueAt[tick - 1];
+        EXPECT_FALSE(ReadDue(due, 5 * kSecond, 10 * kSecond + 500'000'000)) << "never within a tick of the read";
+    }
+    EXPECT_EQ(dueAt, (std::vector<int>(kRefreshPhases, 5))) << "the same share of pids on each of five ticks";
+
+    const std::uint64_t due = NextReadNs(20 * kSecond, 5 * kSecond, 104, false);
+    EXPECT_FALSE(ReadDue(due, 5 * kSecond, 24 * kSecond));
+    EXPECT_TRUE(ReadDue(due, 5 * kSecond, 25 * kSecond - 3'000'000)) << "a tick a few ms early is on time";
+    EXPECT_TRUE(ReadDue(due, 5 * kSecond, 26 * kSecond));
+    EXPECT_TRUE(ReadDue(due, 5 * kSecond, 19 * kSecond)) << "a clock that went back";
+}
+
+TEST(RefreshScheduleTest, StatusMarksFollowCpuMemoryAndFaults) {
+    const std::optional<ParsedProcStat> base =
+        ParseProcPidStat("42 (x) S 1 1 1 0 -1 0 10 0 2 0 30 40 0 0 20 0 1 0 900 4096 77 0\n", 42);
+    ASSERT_TRUE(base);
+    const StatusMarks marks = MarksOf(*base);
+    EXPECT_EQ(marks, (StatusMarks{70, 77, 10, 2}));
+    const std::vector<std::function<void(ParsedProcStat&)>> moves = {
+        [](ParsedProcStat& s) { ++s.utime; }, [](ParsedProcStat& s) { ++s.stime; },
+        [](ParsedProcStat& s) { --s.rss; },   [](ParsedProcStat& s) { ++s.minflt; },
+        [](ParsedProcStat& s) { ++s.majflt; }};
+    for (std::size_t i = 0; i < moves.size(); ++i) {
+        ParsedProcStat moved = *base;
+        moves[i](moved);
+        EXPECT_NE(MarksOf(moved), marks) << "move " << i;
+    }
+    ParsedProcStat quiet = *base;
+    quiet.vsize += 4096;
+    quiet.state = 'R';
+    EXPECT_EQ(MarksOf(quiet), marks) << "what status does not report leaves the marks alone";
 }
 
 std::uint32_t lookups = 0;
