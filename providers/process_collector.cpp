@@ -39,7 +39,10 @@ struct TrackedProcess {
     std::uint64_t cpuTimeNs = 0;
     std::uint64_t readBytes = 0;
     std::uint64_t writeBytes = 0;
-    std::uint64_t sampleNs = 0;  // the context's monotonic time of the baselines
+    std::uint64_t sampleNs = 0;    // the context's monotonic time of the CPU baseline
+    std::uint64_t ioSampleNs = 0;  // ... and of the io baselines, which a quiet process keeps longer
+    std::uint64_t ioDueNs = 0;
+    ParsedProcIo io;               // the last io that was read
     DescriptorCountState descriptors;
     bool haveExecutable = false;
     std::uint64_t slowDueNs = 0;  // when the descriptor count, executable and cgroup are read again
@@ -230,22 +233,38 @@ void ProcessCollector::Impl::ReadProcess(int rootFd, std::uint32_t pid, TrackedP
     DescriptorCountState descriptors = entry.descriptors;
     RefreshSlowFigures(entry, *stat, ctx, row, descriptors);
 
-    // io: the process may refuse it; that touches these metrics only.
-    int error = entry.files.Read(ProcFile::io, kProcPidIoLimit, fileBuffer);
-    ProcIoParse io;
-    if (error == 0) {
-        io = ParseProcPidIo(fileBuffer);
-        error = io.error;
-    }
-    FillIo(row, io, error, Baseline(entry.haveIo, entry.readBytes, entry.sampleNs, ctx),
-           Baseline(entry.haveIo, entry.writeBytes, entry.sampleNs, ctx), generation);
-    const bool haveIo = error == 0 && io.io.readBytes && io.io.writeBytes;
-
-    // status only when stat shows that its figures may have moved, or its kept copy is old; a read
-    // comes last, after io.
+    // status only when stat shows that its figures may have moved, or its kept copy is old.
     const StatusMarks marks = MarksOf(*stat);
     const bool readStatus = !entry.haveStatus || entry.statusMarks != marks ||
                             ReadDue(entry.statusDueNs, kStatusIntervalNs, nowNs);
+
+    // io: the process may refuse it; that touches these metrics only. A process that has not run
+    // since the last tick has made no system call, so its counters stand where they were read,
+    // and its rates are nought; they are read again at least every few seconds all the same.
+    const bool readIo = !entry.haveIo || readStatus || ReadDue(entry.ioDueNs, kIoIntervalNs, nowNs);
+    int error = 0;
+    ProcIoParse io;
+    bool haveIo = false;
+    if (readIo) {
+        error = entry.files.Read(ProcFile::io, kProcPidIoLimit, fileBuffer);
+        if (error == 0) {
+            io = ParseProcPidIo(fileBuffer);
+            error = io.error;
+        }
+        FillIo(row, io, error, Baseline(entry.haveIo, entry.readBytes, entry.ioSampleNs, ctx),
+               Baseline(entry.haveIo, entry.writeBytes, entry.ioSampleNs, ctx), generation);
+        haveIo = error == 0 && io.io.readBytes && io.io.writeBytes;
+    } else {
+        io.io = entry.io;
+        FillIo(row, io, 0, Baseline(true, entry.readBytes, entry.ioSampleNs, ctx),
+               Baseline(true, entry.writeBytes, entry.ioSampleNs, ctx), generation);
+        const std::uint64_t age = nowNs >= entry.ioSampleNs ? nowNs - entry.ioSampleNs : 0;
+        for (auto* counter : {&row.readOperations, &row.writeOperations, &row.readBytes, &row.writeBytes}) {
+            counter->sampleAgeNs = age;
+        }
+    }
+
+    // A read of status comes last.
     std::optional<ParsedProcStatus> status;
     std::optional<std::uint32_t> uid;
     if (readStatus) {
@@ -263,9 +282,9 @@ void ProcessCollector::Impl::ReadProcess(int rootFd, std::uint32_t pid, TrackedP
     if (uid) row.userName = userNames.Name(*uid, ctx.stop);
 
     // The row stands only if the process is still the one whose stat began it. Reads relative to a
-    // procfs pid directory cannot reach another process, so there a successful last read (status, or
-    // io when status was not read) settles it; on any other root, or after a failed last read, stat
-    // is read again and its start time compared.
+    // procfs pid directory cannot reach another process, so there a successful last read (status,
+    // io, or for a quiet process stat itself) settles it; on any other root, or after a failed last
+    // read, stat is read again and its start time compared.
     if (!pinnedRoot || error != 0) {
         const std::optional<ParsedProcStat> second = ReadStat(entry.files, pid);
         if (!second || second->starttime != key.startTime) {
@@ -290,10 +309,15 @@ void ProcessCollector::Impl::ReadProcess(int rootFd, std::uint32_t pid, TrackedP
     }
     entry.haveCpu = true;
     entry.cpuTimeNs = totalNs;
-    entry.haveIo = haveIo;
-    if (haveIo) {
-        entry.readBytes = *io.io.readBytes;
-        entry.writeBytes = *io.io.writeBytes;
+    if (readIo) {
+        entry.ioDueNs = NextReadNs(nowNs, kIoIntervalNs, pid, !entry.haveIo);
+        entry.haveIo = haveIo;
+        if (haveIo) {
+            entry.readBytes = *io.io.readBytes;
+            entry.writeBytes = *io.io.writeBytes;
+            entry.io = io.io;
+        }
+        entry.ioSampleNs = ctx.monotonicNs;
     }
     entry.sampleNs = ctx.monotonicNs;
     entry.descriptors = descriptors;

@@ -12,6 +12,8 @@ namespace korv::providers {
 
 inline constexpr std::uint64_t kSlowFigureIntervalNs = 5'000'000'000;
 inline constexpr std::uint64_t kStatusIntervalNs = 5'000'000'000;
+// io of a process that has not run since the last read.
+inline constexpr std::uint64_t kIoIntervalNs = 5'000'000'000;
 // A tick this much early still counts as on time: the ticks of a 1 s cadence jitter by a few
 // milliseconds, and a late-by-one comparison would stretch 5 s to 6.
 inline constexpr std::uint64_t kRefreshSlackNs = 100'000'000;

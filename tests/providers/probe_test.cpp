@@ -41,7 +41,9 @@ TEST(ProbeTool, PrintsTheLastSnapshotAsOneJsonDocument) {
 
     const core::JsonValue* cpu = root.Find("system")->Find("cpuUtilization");
     ASSERT_NE(cpu, nullptr);
-    EXPECT_EQ(cpu->Find("availability")->AsString(), "valid");
+    // An idle machine may show no busy tick between two samples: a measured zero.
+    const std::string availability(cpu->Find("availability")->AsString());
+    EXPECT_TRUE(availability == "valid" || availability == "zero") << availability;
 
     // The probe lists itself, named after its executable.
     bool sawProbe = false;

@@ -360,14 +360,16 @@ TEST_P(FixtureCollectorTest, QuietProcessReusesItsStatusUntilStatMoves) {
         EXPECT_EQ(row->swapBytes.availability, MetricAvailability::notApplicable) << step.what;
         EXPECT_EQ(row->userName, "root") << step.what;
         EXPECT_EQ(row->virtualBytes.sampleAgeNs, 0u) << "stat is read every tick";
+        // io moves with CPU time, as status does, and is read on the same schedule.
+        EXPECT_EQ(row->readBytes.sampleAgeNs, step.ageNs) << step.what;
     }
 }
 
 INSTANTIATE_TEST_SUITE_P(Designs, FixtureCollectorTest, ::testing::Values(std::size_t{0}, std::size_t{1000}),
                          [](const ::testing::TestParamInfo<std::size_t>& design) { return design.param == 0 ? "OpenReadClose" : "KeptDescriptors"; });
 
-// On a root that does not pin its processes, a tick that skips status still reads stat again at the
-// end: here the pid is reused while io is being read.
+// On a root that does not pin its processes, a quiet tick reads stat alone and then reads it again
+// at the end: here the pid is reused right after the first read.
 TEST(ProcessCollectorQuietTickTest, PidReusedDuringAQuietTickDropsTheRow) {
     TempRoot root;
     FakeProcess p{.pid = 10};
@@ -379,19 +381,22 @@ TEST(ProcessCollectorQuietTickTest, PidReusedDuringAQuietTickDropsTheRow) {
     ASSERT_TRUE(collector.Refresh(Tick(1, 1'000'000'000), 2, rows).ok);
     ASSERT_NE(Find(rows, 10), nullptr);
 
-    fs::remove(root.path / "10" / "io");
+    const fs::path stat = root.path / "10" / "stat";
     FakeProcess successor = p;
     successor.start = 7777;
+    WriteText(root.path / "successor-stat", successor.Stat());
+    fs::remove(stat);
     ProcessTableResult result;
     {
-        const FifoFeeder feeder(root.path / "10" / "io", p.io,
-                                [&] { WriteText(root.path / "10" / "stat", successor.Stat()); });
+        const FifoFeeder feeder(stat, p.Stat(), [&] { fs::rename(root.path / "successor-stat", stat); });
         result = collector.Refresh(Tick(2, 1'300'000'000), 2, rows);
     }
     ASSERT_TRUE(result.ok) << result.message;
     ASSERT_EQ(rows.size(), 1u);
     EXPECT_EQ(rows[0].key.pid, 20u);
     EXPECT_GT(rows[0].workingSetBytes.sampleAgeNs, 0u) << "status was not read on this tick";
+    EXPECT_GT(rows[0].readBytes.sampleAgeNs, 0u) << "io was not read on this tick";
+    EXPECT_EQ(rows[0].readBytesPerSecond.value, 0.0) << "a process that did not run did no io";
 }
 
 TEST(ProcessCollectorErrorsTest, EnumerationFailuresAndLimits) {
