@@ -17,21 +17,18 @@ ProcessItemDelegate::ProcessItemDelegate(std::function<const QRegion&()> paintRe
     : QStyledItemDelegate(parent), paintRegion_(std::move(paintRegion)) {}
 
 const QStaticText& ProcessItemDelegate::LaidOut(const QString& text, int width, const QFont& font) const {
-    const QString fontKey = font.key();
-    if (fontKey != fontKey_ || texts_.size() >= kMaximumCachedTexts) {
+    if (font != font_ || texts_.size() >= kMaximumCachedTexts) {
         texts_.clear();
-        fontKey_ = fontKey;
+        font_ = font;
     }
-    QString key = text;
-    key += QChar(0x1f);
-    key += QString::number(width);
+    TextKey key{text, width};
     const auto found = texts_.constFind(key);
     if (found != texts_.constEnd()) return *found;
     const QFontMetrics metrics(font);
     QStaticText laidOut(metrics.horizontalAdvance(text) > width ? metrics.elidedText(text, Qt::ElideRight, width) : text);
     laidOut.setTextFormat(Qt::PlainText);
     laidOut.prepare(QTransform(), font);
-    return *texts_.insert(key, laidOut);
+    return *texts_.insert(std::move(key), laidOut);
 }
 
 void ProcessItemDelegate::paint(QPainter* painter, const QStyleOptionViewItem& option, const QModelIndex& index) const {
@@ -47,10 +44,13 @@ void ProcessItemDelegate::paint(QPainter* painter, const QStyleOptionViewItem& o
     const QWidget* widget = cell.widget;
     const QStyle* style = widget != nullptr ? widget->style() : QApplication::style();
     const QString text = cell.text;
-    // The style draws the cell's ground, selection and focus; the text follows from the cache.
+    // The style draws the cell's ground, selection and focus (most cells have none of them); the
+    // text follows from the cache.
     cell.text.clear();
     cell.features &= ~QStyleOptionViewItem::HasDisplay;
-    style->drawControl(QStyle::CE_ItemViewItem, &cell, painter, widget);
+    const bool ground = cell.backgroundBrush.style() != Qt::NoBrush ||
+                        (cell.state & (QStyle::State_Selected | QStyle::State_HasFocus | QStyle::State_MouseOver));
+    if (ground) style->drawControl(QStyle::CE_ItemViewItem, &cell, painter, widget);
     if (text.isEmpty()) return;
 
     const int margin = style->pixelMetric(QStyle::PM_FocusFrameHMargin, nullptr, widget) + 1;

@@ -1,6 +1,8 @@
 #pragma once
 
+#include <QFont>
 #include <QHash>
+#include <QHashFunctions>
 #include <QStaticText>
 #include <QString>
 #include <QStyledItemDelegate>
@@ -32,8 +34,14 @@ private:
     const QStaticText& LaidOut(const QString& text, int width, const QFont& font) const;
 
     std::function<const QRegion&()> paintRegion_;
-    mutable QHash<QString, QStaticText> texts_;
-    mutable QString fontKey_;
+    struct TextKey {
+        QString text;
+        int width = 0;
+        bool operator==(const TextKey&) const = default;
+        friend size_t qHash(const TextKey& key, size_t seed = 0) noexcept { return qHashMulti(seed, key.text, key.width); }
+    };
+    mutable QHash<TextKey, QStaticText> texts_;
+    mutable QFont font_;
 };
 
 }  // namespace korv::host::linux_client
