@@ -43,9 +43,13 @@ struct TrackedProcess {
     std::uint64_t ioSampleNs = 0;  // ... and of the io baselines, which a quiet process keeps longer
     std::uint64_t ioDueNs = 0;
     ParsedProcIo io;               // the last io that was read
+    std::optional<RunMarks> ioRun;  // schedstat at that read
     DescriptorCountState descriptors;
     bool haveExecutable = false;
     std::uint64_t slowDueNs = 0;  // when the descriptor count, executable and cgroup are read again
+    std::uint64_t slowReadNs = 0;
+    StatusMarks slowMarks;            // what stat said at that read
+    std::optional<RunMarks> slowRun;  // ... and schedstat
     std::string executable;
     std::string executableComm;    // comm when the executable was read: a change means an exec
     std::string applicationScope;  // the ".scope" unit under app.slice; empty for background
@@ -73,8 +77,8 @@ struct ProcessCollector::Impl {
     void ReadProcess(int rootFd, std::uint32_t pid, TrackedProcess* prior, const CollectContext& ctx,
                      std::uint32_t processors, std::vector<core::ProcessSnapshot>& rows);
     std::optional<ParsedProcStat> ReadStat(ProcessFiles& files, std::uint32_t pid);
-    void RefreshSlowFigures(TrackedProcess& entry, const ParsedProcStat& stat, const CollectContext& ctx,
-                            core::ProcessSnapshot& row, DescriptorCountState& descriptors);
+    void RefreshSlowFigures(TrackedProcess& entry, const ParsedProcStat& stat, const std::optional<RunMarks>& run,
+                            const CollectContext& ctx, core::ProcessSnapshot& row, DescriptorCountState& descriptors);
     CounterBaseline Baseline(bool have, std::uint64_t value, std::uint64_t sampleNs,
                              const CollectContext& ctx) const noexcept;
     static void ResolveParents(std::vector<core::ProcessSnapshot>& rows);
@@ -230,8 +234,13 @@ void ProcessCollector::Impl::ReadProcess(int rootFd, std::uint32_t pid, TrackedP
     FillCpuPercent(row, totalNs, Baseline(entry.haveCpu, entry.cpuTimeNs, entry.sampleNs, ctx), processors,
                    generation);
 
+    // Whether the process has run at all since the figures below were read; unknown where the
+    // kernel keeps no schedstat, and then stat's coarser marks decide.
+    std::optional<RunMarks> run;
+    if (entry.files.Read(ProcFile::schedstat, kProcPidSchedstatLimit, fileBuffer) == 0) run = ParseSchedstat(fileBuffer);
+
     DescriptorCountState descriptors = entry.descriptors;
-    RefreshSlowFigures(entry, *stat, ctx, row, descriptors);
+    RefreshSlowFigures(entry, *stat, run, ctx, row, descriptors);
 
     // status only when stat shows that its figures may have moved, or its kept copy is old.
     const StatusMarks marks = MarksOf(*stat);
@@ -241,7 +250,8 @@ void ProcessCollector::Impl::ReadProcess(int rootFd, std::uint32_t pid, TrackedP
     // io: the process may refuse it; that touches these metrics only. A process that has not run
     // since the last tick has made no system call, so its counters stand where they were read,
     // and its rates are nought; they are read again at least every few seconds all the same.
-    const bool readIo = !entry.haveIo || readStatus || ReadDue(entry.ioDueNs, kIoIntervalNs, nowNs);
+    const bool ranSinceIo = !run || !entry.ioRun || *run != *entry.ioRun;
+    const bool readIo = !entry.haveIo || readStatus || ranSinceIo || ReadDue(entry.ioDueNs, kIoIntervalNs, nowNs);
     int error = 0;
     ProcIoParse io;
     bool haveIo = false;
@@ -317,6 +327,7 @@ void ProcessCollector::Impl::ReadProcess(int rootFd, std::uint32_t pid, TrackedP
             entry.writeBytes = *io.io.writeBytes;
             entry.io = io.io;
         }
+        entry.ioRun = run;
         entry.ioSampleNs = ctx.monotonicNs;
     }
     entry.sampleNs = ctx.monotonicNs;
@@ -328,11 +339,18 @@ void ProcessCollector::Impl::ReadProcess(int rootFd, std::uint32_t pid, TrackedP
 // At first sight, at once after an exec (comm changes) and then every few seconds: the descriptor
 // count, the executable and the application scope. Each costs a read that rarely tells anything new.
 void ProcessCollector::Impl::RefreshSlowFigures(TrackedProcess& entry, const ParsedProcStat& stat,
-                                                const CollectContext& ctx, core::ProcessSnapshot& row,
-                                                DescriptorCountState& descriptors) {
+                                                const std::optional<RunMarks>& run, const CollectContext& ctx,
+                                                core::ProcessSnapshot& row, DescriptorCountState& descriptors) {
     const bool firstRead = !entry.haveExecutable;
-    if (!firstRead && entry.executableComm == stat.comm &&
-        !ReadDue(entry.slowDueNs, kSlowFigureIntervalNs, nowNs)) {
+    const StatusMarks marks = MarksOf(stat);
+    bool due = ReadDue(entry.slowDueNs, kSlowFigureIntervalNs, nowNs);
+    // A process that has not run since cannot have opened a file: it waits for the longer interval
+    // (its cgroup may still be moved from outside, which is rare). Only schedstat can tell.
+    if (due && run && entry.slowRun && *run == *entry.slowRun && marks == entry.slowMarks && nowNs >= entry.slowReadNs &&
+        nowNs - entry.slowReadNs + kRefreshSlackNs < kQuietSlowFigureIntervalNs) {
+        due = false;
+    }
+    if (!firstRead && entry.executableComm == stat.comm && !due) {
         ApplyDescriptorCount(descriptors, nullptr, nowNs, ctx.generation, row.handleCount);
     } else {
         const DirectoryCount count = CountDirectoryEntries(entry.files.Directory(), "fd", directoryBuffer);
@@ -345,6 +363,9 @@ void ProcessCollector::Impl::RefreshSlowFigures(TrackedProcess& entry, const Par
         entry.haveExecutable = true;
         entry.executableComm = stat.comm;
         entry.slowDueNs = NextReadNs(nowNs, kSlowFigureIntervalNs, stat.pid, firstRead);
+        entry.slowReadNs = nowNs;
+        entry.slowMarks = marks;
+        entry.slowRun = run;
 
         entry.applicationScope.clear();
         if (entry.files.Read(ProcFile::cgroup, kProcPidCgroupLimit, fileBuffer) == 0) {

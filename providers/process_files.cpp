@@ -33,6 +33,8 @@ const char* ProcFileName(ProcFile file) noexcept {
             return "io";
         case ProcFile::cgroup:
             return "cgroup";
+        case ProcFile::schedstat:
+            return "schedstat";
     }
     return "stat";
 }

@@ -2,15 +2,21 @@
 
 #include "providers/proc_pid_stat.h"
 
+#include <cstddef>
 #include <cstdint>
+#include <optional>
+#include <string_view>
 
 namespace korv::providers {
 
 // When the collector reads again what a quiet process rarely changes. The descriptor count, the
-// executable and the cgroup are read at first sight, after an exec and then every 5 s; status is read
+// executable and the cgroup are read at first sight, after an exec and then every 5 s (30 s while
+// the process neither runs nor touches memory); status is read
 // at first sight, whenever stat shows a sign that its figures moved, and otherwise every 5 s.
 
 inline constexpr std::uint64_t kSlowFigureIntervalNs = 5'000'000'000;
+// ... and for a process whose stat marks (below) have not moved since those were read.
+inline constexpr std::uint64_t kQuietSlowFigureIntervalNs = 30'000'000'000;
 inline constexpr std::uint64_t kStatusIntervalNs = 5'000'000'000;
 // io of a process that has not run since the last read.
 inline constexpr std::uint64_t kIoIntervalNs = 5'000'000'000;
@@ -38,5 +44,18 @@ struct StatusMarks {
 };
 
 StatusMarks MarksOf(const ParsedProcStat& stat) noexcept;
+
+// From /proc/<pid>/schedstat: the time run in nanoseconds and the number of times the process was
+// put on a processor. Unlike stat's CPU time, which is charged in whole clock ticks, these move on
+// every run however short, so an unchanged pair proves that the process made no system call.
+struct RunMarks {
+    std::uint64_t runNs = 0;
+    std::uint64_t timeslices = 0;
+    bool operator==(const RunMarks&) const = default;
+};
+inline constexpr std::size_t kProcPidSchedstatLimit = 256;
+
+// The first and third numbers of the line; none when the text has not three numbers.
+std::optional<RunMarks> ParseSchedstat(std::string_view text) noexcept;
 
 }  // namespace korv::providers

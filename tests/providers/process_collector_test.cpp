@@ -72,6 +72,7 @@ struct FakeProcess {
                          "RssShmem:\t40 kB\nVmSwap:\t0 kB\n";
     std::string io = "syscr: 5\nsyscw: 6\nread_bytes: 4096\nwrite_bytes: 0\n";
     std::string cgroup = "0::/system.slice/x.service\n";
+    std::string schedstat = "1000000 0 7\n";  // empty: the kernel keeps none
     int descriptors = 3;
     std::string exe = "/usr/bin/proc";
 
@@ -88,6 +89,7 @@ struct FakeProcess {
         WriteText(dir / "status", status);
         WriteText(dir / "io", io);
         WriteText(dir / "cgroup", cgroup);
+        if (!schedstat.empty()) WriteText(dir / "schedstat", schedstat);
         for (int fd = 0; fd < descriptors; ++fd) fs::create_symlink("/dev/null", dir / "fd" / std::to_string(fd));
         if (!exe.empty()) fs::create_symlink(exe, dir / "exe");
     }
@@ -367,6 +369,43 @@ TEST_P(FixtureCollectorTest, QuietProcessReusesItsStatusUntilStatMoves) {
 
 INSTANTIATE_TEST_SUITE_P(Designs, FixtureCollectorTest, ::testing::Values(std::size_t{0}, std::size_t{1000}),
                          [](const ::testing::TestParamInfo<std::size_t>& design) { return design.param == 0 ? "OpenReadClose" : "KeptDescriptors"; });
+
+// io is kept only while schedstat proves that the process has not run: a run too short to be
+// charged a clock tick in stat still makes the counters be read again.
+TEST_P(FixtureCollectorTest, IoIsReadAgainAfterAnyRun) {
+    struct Step {
+        const char* what;
+        std::string schedstat;  // before the tick
+        std::string io;
+        std::uint64_t shownReadBytes;
+        bool ioRead;
+    };
+    for (const bool withSchedstat : {true, false}) {
+        TempRoot fresh;
+        FakeProcess p{.pid = 10};
+        if (!withSchedstat) p.schedstat.clear();
+        p.WriteTo(fresh.path);
+        ProcessCollector collector(ProviderRoots{.proc = fresh.path}, GetParam());
+        std::vector<ProcessSnapshot> rows;
+        const std::vector<Step> steps = {
+            {"first sight", "1000 0 7\n", "read_bytes: 4096\nwrite_bytes: 0\n", 4096, true},
+            {"did not run", "1000 0 7\n", "read_bytes: 8192\nwrite_bytes: 0\n", withSchedstat ? 4096u : 8192u,
+             !withSchedstat},
+            {"ran briefly", "1500 0 8\n", "read_bytes: 12288\nwrite_bytes: 0\n", 12288, true},
+        };
+        std::uint64_t generation = 0;
+        for (const Step& step : steps) {
+            if (withSchedstat) WriteText(fresh.path / "10" / "schedstat", step.schedstat);
+            WriteText(fresh.path / "10" / "io", step.io);
+            ++generation;
+            ASSERT_TRUE(collector.Refresh(Tick(generation, 1'000'000'000 * generation), 2, rows).ok);
+            const ProcessSnapshot* row = Find(rows, 10);
+            ASSERT_NE(row, nullptr) << step.what;
+            EXPECT_EQ(row->readBytes.value, step.shownReadBytes) << step.what << " schedstat " << withSchedstat;
+            EXPECT_EQ(row->readBytes.sampleAgeNs == 0, step.ioRead) << step.what << " schedstat " << withSchedstat;
+        }
+    }
+}
 
 // On a root that does not pin its processes, a quiet tick reads stat alone and then reads it again
 // at the end: here the pid is reused right after the first read.
