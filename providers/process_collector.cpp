@@ -43,6 +43,12 @@ struct TrackedProcess {
     std::uint64_t ioSampleNs = 0;  // ... and of the io baselines, which a quiet process keeps longer
     std::uint64_t ioDueNs = 0;
     ParsedProcIo io;               // the last io that was read
+    // The last stat that was read, the schedstat beside it, and when stat is due again.
+    bool haveStat = false;
+    ParsedProcStat stat;
+    std::optional<RunMarks> statRun;
+    std::uint64_t statReadNs = 0;
+    std::uint64_t statDueNs = 0;
     std::optional<RunMarks> ioRun;  // schedstat at that read
     DescriptorCountState descriptors;
     bool haveExecutable = false;
@@ -209,13 +215,32 @@ void ProcessCollector::Impl::ReadProcess(int rootFd, std::uint32_t pid, TrackedP
     TrackedProcess entry;
     if (prior != nullptr) entry = std::move(*prior);
 
-    // A kept stat descriptor fails once its process is gone; the pid may since belong to another one.
+    // Whether the process has run at all since the figures below were read: schedstat moves on every
+    // run however short. Unknown where the kernel keeps none, and then stat's coarser marks decide.
+    std::optional<RunMarks> run;
+    const auto readRun = [&] {
+        if (entry.files.Read(ProcFile::schedstat, kProcPidSchedstatLimit, fileBuffer) == 0) run = ParseSchedstat(fileBuffer);
+    };
+
+    // A kept directory on procfs pins its process: while schedstat can be read through it, the process
+    // lives, and while schedstat stands still, it has not run, so its stat says what it said (a renice
+    // or a reclaim from outside shows at the next due read).
     std::optional<ParsedProcStat> stat;
-    if (entry.files.IsOpen()) {
+    bool statKept = false;
+    if (entry.files.IsOpen() && entry.files.Kept() && pinnedRoot && entry.haveStat && prior != nullptr) {
+        readRun();
+        if (run && entry.statRun && *run == *entry.statRun && !ReadDue(entry.statDueNs, kStatIntervalNs, nowNs)) {
+            stat = entry.stat;
+            statKept = true;
+        }
+    }
+    // A kept stat descriptor fails once its process is gone; the pid may since belong to another one.
+    if (!statKept && entry.files.IsOpen()) {
         stat = ReadStat(entry.files, pid);
         if (!stat) entry.files.Close();
     }
     if (!entry.files.IsOpen()) {
+        run.reset();
         if (entry.files.Open(rootFd, pid, budget.Capacity() > 0 ? &budget : nullptr) != 0) return;
         stat = ReadStat(entry.files, pid);
         if (!stat) return;
@@ -226,18 +251,21 @@ void ProcessCollector::Impl::ReadProcess(int rootFd, std::uint32_t pid, TrackedP
         entry = TrackedProcess{};
         entry.files = std::move(files);
         entry.key = key;
+        run.reset();
     }
+    if (!run && !statKept) readRun();
 
     const std::uint64_t generation = ctx.generation;
     core::ProcessSnapshot& row = rows.emplace_back(prototype);
     const std::uint64_t totalNs = FillFromStat(row, *stat, hz, generation);
     FillCpuPercent(row, totalNs, Baseline(entry.haveCpu, entry.cpuTimeNs, entry.sampleNs, ctx), processors,
                    generation);
-
-    // Whether the process has run at all since the figures below were read; unknown where the
-    // kernel keeps no schedstat, and then stat's coarser marks decide.
-    std::optional<RunMarks> run;
-    if (entry.files.Read(ProcFile::schedstat, kProcPidSchedstatLimit, fileBuffer) == 0) run = ParseSchedstat(fileBuffer);
+    if (statKept) {
+        // Nice and the resident pages can change from outside without the process running.
+        const std::uint64_t age = nowNs >= entry.statReadNs ? nowNs - entry.statReadNs : 0;
+        row.nice.sampleAgeNs = age;
+        row.virtualBytes.sampleAgeNs = age;
+    }
 
     DescriptorCountState descriptors = entry.descriptors;
     RefreshSlowFigures(entry, *stat, run, ctx, row, descriptors);
@@ -316,6 +344,13 @@ void ProcessCollector::Impl::ReadProcess(int rootFd, std::uint32_t pid, TrackedP
         } else {
             entry.haveStatus = false;
         }
+    }
+    if (!statKept) {
+        entry.statDueNs = NextReadNs(nowNs, kStatIntervalNs, pid, !entry.haveStat);
+        entry.haveStat = true;
+        entry.stat = *stat;
+        entry.statRun = run;
+        entry.statReadNs = nowNs;
     }
     entry.haveCpu = true;
     entry.cpuTimeNs = totalNs;

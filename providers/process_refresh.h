@@ -18,6 +18,8 @@ inline constexpr std::uint64_t kSlowFigureIntervalNs = 5'000'000'000;
 // ... and for a process whose stat marks (below) have not moved since those were read.
 inline constexpr std::uint64_t kQuietSlowFigureIntervalNs = 30'000'000'000;
 inline constexpr std::uint64_t kStatusIntervalNs = 5'000'000'000;
+// stat of a process that has not run since the last read (on procfs, with its files kept open).
+inline constexpr std::uint64_t kStatIntervalNs = 5'000'000'000;
 // io of a process that has not run since the last read.
 inline constexpr std::uint64_t kIoIntervalNs = 5'000'000'000;
 // A tick this much early still counts as on time: the ticks of a 1 s cadence jitter by a few

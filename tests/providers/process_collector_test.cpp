@@ -717,6 +717,48 @@ const ProcessSnapshot* LiveTick(ProcessCollector& collector, std::uint64_t gener
 }
 
 // A sleeping child whose stat does not move keeps the status figures of its first read, aging.
+// While a child waits without running, its stat is kept (schedstat proves it unchanged); a renice
+// from outside, which needs no run of the child, shows at the next due read, and any run at once.
+TEST(ProcessCollectorLiveTest, StatOfAChildThatHasNotRunIsKeptUntilItRunsOrIsDue) {
+    CommandedChild child;
+    ASSERT_GT(child.Pid(), 0u);
+    const std::uint32_t pid = child.Pid();
+    ProcessCollector collector(ProviderRoots{});
+    std::vector<ProcessSnapshot> rows;
+    std::uint64_t generation = 1;
+    std::uint64_t nowNs = kLiveStartNs;
+    ASSERT_NE(LiveTick(collector, generation, nowNs, pid, rows), nullptr);
+    const auto tick = [&] {
+        nowNs += 1'000'000'000;
+        return LiveTick(collector, ++generation, nowNs, pid, rows);
+    };
+    bool kept = false;
+    for (int attempt = 0; attempt < 20 && !kept; ++attempt) {
+        const ProcessSnapshot* row = tick();
+        ASSERT_NE(row, nullptr);
+        kept = row->virtualBytes.sampleAgeNs > 0;
+        if (kept) {
+            EXPECT_EQ(row->cpuPercent.value, 0.0);
+        }
+    }
+    ASSERT_TRUE(kept) << "the waiting child's stat was read at every tick";
+
+    ASSERT_EQ(::setpriority(PRIO_PROCESS, static_cast<id_t>(pid), 7), 0);
+    bool reniced = false;
+    for (int second = 0; second < 6 && !reniced; ++second) {
+        const ProcessSnapshot* row = tick();
+        ASSERT_NE(row, nullptr);
+        reniced = row->nice.value == 7.0;
+    }
+    EXPECT_TRUE(reniced) << "a renice from outside shows within five seconds";
+
+    ASSERT_TRUE(child.Run('m'));
+    const ProcessSnapshot* row = tick();
+    ASSERT_NE(row, nullptr);
+    EXPECT_EQ(row->virtualBytes.sampleAgeNs, 0u) << "a child that ran has its stat read again";
+    EXPECT_GE(row->virtualBytes.value.value_or(0), CommandedChild::kTouchedBytes);
+}
+
 TEST(ProcessCollectorLiveTest, SleepingChildReusesItsStatusWithAGrowingAge) {
     LiveChildren children;
     const pid_t child = children.Start("korv-quiet", 0, 0);
