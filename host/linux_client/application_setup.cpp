@@ -1,5 +1,7 @@
 #include "host/linux_client/application_setup.h"
 
+#include "host/linux_client/shell_style.h"
+
 #include <unistd.h>
 
 #include <cerrno>
@@ -168,7 +170,7 @@ void ApplyGuiIdentity(QApplication& application)
     ApplyApplicationIdentity();
     QCoreApplication::setApplicationVersion(QString::fromUtf8(kApplicationVersion));
     QGuiApplication::setDesktopFileName(QString::fromLatin1(kDesktopFileName));
-    QApplication::setStyle(QStringLiteral("Fusion"));
+    QApplication::setStyle(new ShellStyle);  // Fusion, with check boxes that show on a dark window
     application.setWindowIcon(QIcon(QString::fromLatin1(kApplicationIcon)));
 }
 

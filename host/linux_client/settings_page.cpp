@@ -125,7 +125,7 @@ struct SettingsForm::Impl {
             combo->addItem(name.isEmpty() ? code : name, code);
         }
         form->addRow(Tr("Language"), combo);
-        auto* note = new QLabel(Tr("A new language takes effect when KORV restarts."), owner);
+        auto* note = new QLabel(Tr("A new language takes effect when KORV starts again; you are asked whether to restart now."), owner);
         note->setWordWrap(true);
         form->addRow(QString(), note);
         loaders.push_back([this, combo] {
