@@ -14,6 +14,7 @@
 #include <QApplication>
 #include <QClipboard>
 #include <QDir>
+#include <QTemporaryDir>
 #include <QFileInfo>
 #include <QMenu>
 #include <QStackedWidget>
@@ -354,10 +355,12 @@ TEST_F(PerformancePageTest, ProcessorClassesEachGetASeries) {
     EXPECT_TRUE(graph->Points(2).empty());
 }
 
-// Renders the page the way a person sees it, for review: set KORV_PERFORMANCE_SHOTS to a folder.
-TEST_F(PerformancePageTest, RendersPanesForReview) {
-    const QString folder = qEnvironmentVariable("KORV_PERFORMANCE_SHOTS");
-    if (folder.isEmpty()) GTEST_SKIP() << "KORV_PERFORMANCE_SHOTS names no folder for the pictures";
+// Renders every pane with 40 s of history in three looks: each device shows a pane of its own. The
+// pictures stay in KORV_PERFORMANCE_SHOTS when that names a folder, for a person to review.
+TEST_F(PerformancePageTest, EveryDeviceRendersAPaneOfItsOwn) {
+    QTemporaryDir scratch;
+    QString folder = qEnvironmentVariable("KORV_PERFORMANCE_SHOTS");
+    if (folder.isEmpty()) folder = scratch.path();
     ASSERT_TRUE(QDir().mkpath(folder));
     RegisterEmbeddedFonts();
     ApplyApplicationFont(QStringLiteral("Inter"));
@@ -399,13 +402,19 @@ TEST_F(PerformancePageTest, RendersPanesForReview) {
         core::WriteBoolPreference(settings_, "combinedDisks", false);
         page.SettingsChanged();
         page.ApplySnapshot(snapshot);
+        std::vector<QImage> panes;
         for (const auto kind : {core::DeviceKind::cpu, core::DeviceKind::memory, core::DeviceKind::disk,
                                 core::DeviceKind::network, core::DeviceKind::gpu}) {
             page.SelectDevice(kind);
+            const QPixmap picture = page.grab();
             const QString path = QStringLiteral("%1/%2-%3.png").arg(folder, QLatin1String(look.name),
                                                                   QString::fromUtf8(core::ToString(kind).data()));
-            ASSERT_TRUE(page.grab().save(path));
-            EXPECT_GT(QFileInfo(path).size(), 0);
+            ASSERT_TRUE(picture.save(path));
+            const QImage image = picture.toImage();
+            for (const QImage& earlier : panes) {
+                EXPECT_NE(image, earlier) << look.name << ": " << core::ToString(kind) << " shows another device's pane";
+            }
+            panes.push_back(image);
         }
         core::WriteStringPreference(settings_, "cpuGraphMode", "expanded");
         core::WriteStringPreference(settings_, "gpuGraphMode", "engines");
