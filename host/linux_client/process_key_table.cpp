@@ -55,35 +55,31 @@ void ProcessKeyTable::Grow(std::size_t minimumCapacity) {
     }
 }
 
-std::pair<int, bool> ProcessKeyTable::Insert(const core::ProcessKey& key, int index) {
+ProcessKeyTable::Entry& ProcessKeyTable::Claim(const core::ProcessKey& key, bool& fresh) {
     if (Crowded(size_ + 1)) Grow(entries_.size() * 2);
     const std::size_t mask = entries_.size() - 1;
     for (std::size_t place = Home(key);; place = (place + 1) & mask) {
         Entry& entry = entries_[place];
-        if (entry.index < 0) {
-            entry = Entry{key.startTime, key.pid, index};
+        fresh = entry.index < 0;
+        if (fresh) {
+            entry = Entry{key.startTime, key.pid, -1};
             ++size_;
-            return {index, true};
+            return entry;
         }
-        if (entry.Holds(key)) return {entry.index, false};
+        if (entry.Holds(key)) return entry;
     }
 }
 
+std::pair<int, bool> ProcessKeyTable::Insert(const core::ProcessKey& key, int index) {
+    bool fresh = false;
+    Entry& entry = Claim(key, fresh);
+    if (fresh) entry.index = index;
+    return {entry.index, fresh};
+}
+
 void ProcessKeyTable::Assign(const core::ProcessKey& key, int index) {
-    if (Crowded(size_ + 1)) Grow(entries_.size() * 2);
-    const std::size_t mask = entries_.size() - 1;
-    for (std::size_t place = Home(key);; place = (place + 1) & mask) {
-        Entry& entry = entries_[place];
-        if (entry.index < 0) {
-            entry = Entry{key.startTime, key.pid, index};
-            ++size_;
-            return;
-        }
-        if (entry.Holds(key)) {
-            entry.index = index;
-            return;
-        }
-    }
+    bool fresh = false;
+    Claim(key, fresh).index = index;
 }
 
 int ProcessKeyTable::Find(const core::ProcessKey& key) const noexcept {

@@ -43,6 +43,8 @@ private:
         core::ProcessKey Key() const noexcept { return core::ProcessKey{pid, startTime}; }
     };
 
+    // The place of the key, taken for it when absent (`fresh`); the caller sets its index.
+    Entry& Claim(const core::ProcessKey& key, bool& fresh);
     std::size_t Home(const core::ProcessKey& key) const noexcept;
     bool Crowded(std::size_t count) const noexcept;
     void Grow(std::size_t minimumCapacity);

@@ -227,7 +227,10 @@ TEST_F(ProcessPageActionsTest, RequestsThatCannotBeQueuedAreRefusedInTheStatusLi
     EXPECT_FALSE(actions->QueueProcessAction({child.Key()}, QStringLiteral("Terminate")));
     EXPECT_EQ(statuses.back(), QStringLiteral("Process actions unavailable"));
     QCoreApplication::processEvents();
-    EXPECT_EQ(child.Stat()->state, 'S') << "nothing reached the child";
+    // Alive and not stopped (it may be running or asleep): no request reached it.
+    const auto stat = child.Stat();
+    ASSERT_TRUE(stat.has_value()) << "nothing reached the child";
+    EXPECT_TRUE(stat->state == 'S' || stat->state == 'R') << stat->state;
 }
 
 TEST_F(ProcessPageActionsTest, TheNinthRequestIsRefusedAndNoneOfTheFirstEightIsLost) {
