@@ -2,11 +2,12 @@
 # The whole program on the Processes page at the 1 s cadence, side by side with top and htop
 # watching the same machine, with extra sleeping processes to watch. For each, the CPU percent of
 # one core over the window (from /proc/<pid>/stat) and the resident memory at its end.
-#   bench/processes_vs_top.sh [extra processes, default 2000] [seconds, default 60]
+#   bench/processes_vs_top.sh [extra processes, default 2000] [seconds, default 60] [frame rate, default 60]
 # htop runs inside tmux (it needs a terminal); without htop or tmux its row says so.
 set -euo pipefail
 extra="${1:-2000}"
 seconds="${2:-60}"
+fps="${3:-60}"
 root="$(cd "$(dirname "$0")/.." && pwd)"
 binary="${KORV_BINARY:-$root/build/bin/korv-task-manager}"
 [[ -x "$binary" ]] || { echo "processes_vs_top: $binary is not built" >&2; exit 1; }
@@ -41,7 +42,7 @@ mkdir -p "$config" "$home/runtime"
 schema="$(sed -n 's/.*kSettingsSchemaVersion = \([0-9]*\);.*/\1/p' "$root/core/settings.h")"
 chmod 700 "$home/runtime"
 cat > "$config/settings.json" <<JSON
-{"schemaVersion": $schema, "defaultPage": "processes", "updateSpeed": "normal", "visualFrameRate": 60}
+{"schemaVersion": $schema, "defaultPage": "processes", "updateSpeed": "normal", "visualFrameRate": $fps}
 JSON
 HOME="$home" XDG_CONFIG_HOME="$home/config" XDG_RUNTIME_DIR="$home/runtime" \
     xvfb-run -a -s "-screen 0 1400x900x24" "$binary" >/dev/null 2>&1 &
