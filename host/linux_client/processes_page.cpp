@@ -6,6 +6,7 @@
 #include "host/linux_client/process_tree_view.h"
 #include "host/linux_client/vanished_process_tracker.h"
 
+#include <QBrush>
 #include <QCoreApplication>
 #include <QHeaderView>
 #include <QItemSelectionModel>
@@ -14,6 +15,7 @@
 #include <QVBoxLayout>
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <unordered_map>
 
@@ -98,6 +100,10 @@ struct ProcessesPage::Impl {
     std::shared_ptr<const core::SystemSnapshot> current;
     VanishedProcessTracker vanished;
     bool allRecordsTaken = true;
+
+    // The shade each glowing cell (CPU, memory) and washed row was last repainted with: a frame in
+    // which the shade stays the same needs no paint. A faint glow keeps one shade for several frames.
+    std::unordered_map<ProcessKey, std::array<int, 3>, core::ProcessKeyHash> paintedAlpha;
 
     std::function<void(const QPoint&)> contextMenuHandler;
     std::function<void()> deleteHandler;
@@ -475,10 +481,25 @@ ProcessesPage::GlowRepaint ProcessesPage::RunGlowTick() {
         if (view->visualRect(row).top() >= height) break;
         if (const auto key = d_->model->RowKey(d_->proxy->mapToSource(row))) visible.emplace(*key, row);
     }
+    // True when the shade of the cell (or of the row's wash, slot 2) differs from the one last painted.
+    const auto shadeChanged = [&](const ProcessKey& key, const QModelIndex& proxyCell, std::size_t slot) {
+        const QVariant background = d_->proxy->data(proxyCell, Qt::BackgroundRole);
+        const int alpha = background.isValid() ? background.value<QBrush>().color().alpha() : 0;
+        auto [entry, fresh] = d_->paintedAlpha.try_emplace(key, std::array<int, 3>{-1, -1, -1});
+        if (!fresh && entry->second[slot] == alpha) return false;
+        entry->second[slot] = alpha;
+        // Dark all over: painted once more now, then nothing to remember.
+        if (std::all_of(entry->second.begin(), entry->second.end(), [](int a) { return a <= 0; })) {
+            d_->paintedAlpha.erase(entry);
+        }
+        return true;
+    };
     const auto repaintCell = [&](const ProcessKey& key, ProcessTableColumn column) {
         const auto found = visible.find(key);
         if (found == visible.end()) return;
-        const QRect cell = view->visualRect(found->second.sibling(found->second.row(), static_cast<int>(column)));
+        const QModelIndex proxyCell = found->second.sibling(found->second.row(), static_cast<int>(column));
+        if (!shadeChanged(key, proxyCell, column == ProcessTableColumn::cpu ? 0 : 1)) return;
+        const QRect cell = view->visualRect(proxyCell);
         if (cell.isEmpty()) return;
         viewport->update(cell);
         repaint.rects.push_back(cell);
@@ -489,12 +510,15 @@ ProcessesPage::GlowRepaint ProcessesPage::RunGlowTick() {
     for (const ProcessKey& key : tick.exitedRows) {
         const auto found = visible.find(key);
         if (found == visible.end()) continue;
+        if (!shadeChanged(key, found->second, 2)) continue;
         const QRect cell = view->visualRect(found->second);
         const QRect row(0, cell.top(), viewport->width(), cell.height());
         viewport->update(row);
         repaint.rects.push_back(row);
         ++repaint.rows;
     }
+    // Once all is dark, shades of keys that are gone are forgotten too.
+    if (!d_->model->AnyGlowActive() && !d_->model->AnyExitFadeActive()) d_->paintedAlpha.clear();
     return repaint;
 }
 

@@ -354,6 +354,11 @@ TEST_F(ProcessesPageTest, GlowRepaintsSingleCellsAndTheTimerStopsWhenAllIsDark) 
         EXPECT_EQ(rect.height(), page_->View().visualRect(ProxyRow(301)).height());
     }
 
+    // A frame in which no shade changed paints nothing.
+    page_->Model().FreezeClock();
+    page_->RunGlowTick();
+    EXPECT_EQ(page_->RunGlowTick().cells, 0) << "the same shades again";
+
     page_->Model().FreezeClockAt(11'400);
     EXPECT_TRUE(QTest::qWaitFor([this] { return !page_->GlowTimerActive(); }, kWaitMs));
     EXPECT_FALSE(page_->Model().AnyGlowActive());
