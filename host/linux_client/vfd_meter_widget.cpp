@@ -123,6 +123,12 @@ struct VfdMeterWidget::Impl {
     }
 
     void UpdateTimer() {
+        // A meter no one can see shows its latest value at once when it is shown again: moving it
+        // in the meantime would cost frames for nothing.
+        if (!owner->isVisible() && VfdMotionAnimating(motion)) {
+            motion.hasValue = true;
+            SnapVfdMotion(motion);
+        }
         const bool run = animationFps > 0 && VfdMotionAnimating(motion);
         if (!run) {
             if (timer) timer->stop();
@@ -317,6 +323,11 @@ double VfdMeterWidget::Value() const { return impl_->motion.value; }
 double VfdMeterWidget::DisplayedValue() const { return impl_->motion.displayedValue; }
 bool VfdMeterWidget::HasValue() const { return impl_->motion.hasValue; }
 bool VfdMeterWidget::IsAnimating() const { return VfdMotionAnimating(impl_->motion); }
+void VfdMeterWidget::hideEvent(QHideEvent* event) {
+    QWidget::hideEvent(event);
+    impl_->UpdateTimer();
+}
+
 bool VfdMeterWidget::TimerRunning() const { return impl_->timer && impl_->timer->isActive(); }
 int VfdMeterWidget::AnimationFps() const { return impl_->animationFps; }
 const std::vector<double>& VfdMeterWidget::Segments() const { return impl_->motion.segments; }

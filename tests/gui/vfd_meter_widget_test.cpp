@@ -17,9 +17,22 @@ protected:
         meter.resize(220, 30);
         meter.SetCaption(QStringLiteral("CPU"));
         meter.SetValueText(QStringLiteral("50%"));
+        meter.show();
     }
     VfdMeterWidget meter;
 };
+
+TEST_F(VfdMeterWidgetTest, AHiddenMeterTakesItsValueAtOnceAndRunsNoTimer) {
+    meter.SetValue(80.0);
+    meter.SetValue(20.0);
+    ASSERT_TRUE(meter.TimerRunning());
+    meter.hide();
+    EXPECT_FALSE(meter.TimerRunning()) << "hiding stops the motion";
+    EXPECT_DOUBLE_EQ(meter.DisplayedValue(), 20.0);
+    meter.SetValue(60.0);
+    EXPECT_FALSE(meter.TimerRunning());
+    EXPECT_DOUBLE_EQ(meter.DisplayedValue(), 60.0);
+}
 
 TEST_F(VfdMeterWidgetTest, AtRestNoTimerRuns) {
     meter.SetValue(50.0);
