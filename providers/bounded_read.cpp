@@ -1,5 +1,7 @@
 #include "providers/bounded_read.h"
 
+#include "providers/file_descriptor.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
@@ -7,20 +9,6 @@
 
 namespace korv::providers {
 namespace {
-
-class FdGuard {
-public:
-    explicit FdGuard(int fd) noexcept : fd_(fd) {}
-    ~FdGuard() {
-        if (fd_ >= 0) ::close(fd_);
-    }
-    FdGuard(const FdGuard&) = delete;
-    FdGuard& operator=(const FdGuard&) = delete;
-    int get() const noexcept { return fd_; }
-
-private:
-    int fd_;
-};
 
 int OpenRetrying(int directoryFd, const char* path) noexcept {
     int fd;

@@ -2,6 +2,7 @@
 
 #include "core/saturating.h"
 #include "providers/bounded_read.h"
+#include "providers/steady_clock.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -18,11 +19,6 @@ constexpr const char* kMetadataSource = "linux.cpu.metadata";
 constexpr const char* kCpufreqSource = "linux.cpu.cpufreq";
 constexpr const char* kSysfsSource = "linux.cpu.sysfs";
 constexpr const char* kNominalSource = "linux.cpu.procfs.nominal";
-
-std::uint64_t NowNs() noexcept {
-    return static_cast<std::uint64_t>(
-        std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now().time_since_epoch()).count());
-}
 
 // A sysfs attribute that does not exist is a feature this machine lacks, not a failure.
 core::MetricAvailability SysfsAvailability(int error) noexcept {
@@ -127,7 +123,7 @@ void CpuCollector::ResetBaselines() {
 
 CpuStageResult CpuCollector::ReadProcStat(const CollectContext& context) {
     if (context.resetBaselines) ResetBaselines();
-    const std::uint64_t start = NowNs();
+    const std::uint64_t start = SteadyNowNs();
     CpuStageResult result;
     statOk_ = false;
 
@@ -153,7 +149,7 @@ CpuStageResult CpuCollector::ReadProcStat(const CollectContext& context) {
         result.ok = true;
         result.message = "procfs aggregate and per-logical-processor counters collected";
     }
-    result.durationNs = NowNs() - start;
+    result.durationNs = SteadyNowNs() - start;
     statDurationNs_ = result.durationNs;
     return result;
 }

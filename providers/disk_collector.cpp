@@ -2,7 +2,9 @@
 
 #include "core/saturating.h"
 #include "providers/bounded_read.h"
+#include "providers/file_descriptor.h"
 #include "providers/process_directory.h"
+#include "providers/steady_clock.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -31,35 +33,6 @@ constexpr std::uint64_t kSectorBytes = 512;
 constexpr std::uint64_t kSizeSaturationSectors = std::uint64_t{1} << 55;
 // The root file system sits on at most a few layers (dm-crypt on LVM on md on partitions).
 constexpr std::size_t kMaxRootDisks = 64;
-
-std::uint64_t NowNs() noexcept {
-    const auto ns = std::chrono::duration_cast<std::chrono::nanoseconds>(
-                        std::chrono::steady_clock::now().time_since_epoch())
-                        .count();
-    return ns < 0 ? 0 : static_cast<std::uint64_t>(ns);
-}
-
-class FdGuard {
-public:
-    explicit FdGuard(int fd) noexcept : fd_(fd) {}
-    ~FdGuard() {
-        if (fd_ >= 0) ::close(fd_);
-    }
-    FdGuard(const FdGuard&) = delete;
-    FdGuard& operator=(const FdGuard&) = delete;
-    int get() const noexcept { return fd_; }
-
-private:
-    int fd_;
-};
-
-int OpenDirectoryAt(int parentFd, const char* path) noexcept {
-    int fd;
-    do {
-        fd = ::openat(parentFd, path, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    } while (fd < 0 && errno == EINTR);
-    return fd;
-}
 
 bool ExistsAt(int directoryFd, const char* path) noexcept {
     struct stat info {};
@@ -194,13 +167,13 @@ void DiskCollector::ResetBaselines() {
 const std::vector<BlockDeviceRef>& DiskCollector::Devices() const { return refs_; }
 
 StageResult DiskCollector::Collect(const CollectContext& ctx, std::vector<core::DeviceSnapshot>& devices) {
-    const std::uint64_t start = NowNs();
+    const std::uint64_t start = SteadyNowNs();
     StageResult result;
     const auto finish = [&](int error, const char* message) {
         result.ok = error == 0;
         result.error = error;
         result.message = message;
-        result.durationNs = NowNs() - start;
+        result.durationNs = SteadyNowNs() - start;
         if (error != 0) refs_.clear();
         return result;
     };

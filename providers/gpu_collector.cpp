@@ -1,6 +1,7 @@
 #include "providers/gpu_collector.h"
 
 #include "providers/bounded_read.h"
+#include "providers/steady_clock.h"
 
 #include <chrono>
 #include <optional>
@@ -14,13 +15,6 @@ using core::MetricAvailability;
 
 constexpr std::size_t kNvidiaInformationLimit = 16384;
 constexpr const char* kNvmlCapabilityText = "NVIDIA GPU utilization, memory, clocks, power, and temperature via NVML";
-
-std::uint64_t SteadyNowNs() noexcept {
-    const auto ns = std::chrono::duration_cast<std::chrono::nanoseconds>(
-                        std::chrono::steady_clock::now().time_since_epoch())
-                        .count();
-    return ns < 0 ? 0 : static_cast<std::uint64_t>(ns);
-}
 
 std::uint64_t Since(std::uint64_t startNs) noexcept {
     const std::uint64_t now = SteadyNowNs();

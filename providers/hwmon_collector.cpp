@@ -1,6 +1,7 @@
 #include "providers/hwmon_collector.h"
 
 #include "providers/sensor_ids.h"
+#include "providers/steady_clock.h"
 
 #include <algorithm>
 #include <array>
@@ -23,11 +24,6 @@ constexpr std::string_view kInputSuffix = "_input";
 
 bool IsIn(std::string_view name, const auto& names) noexcept {
     return std::find(names.begin(), names.end(), name) != names.end();
-}
-
-std::uint64_t NowNs() noexcept {
-    return static_cast<std::uint64_t>(
-        std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now().time_since_epoch()).count());
 }
 
 fs::path Canonical(const fs::path& path) {
@@ -197,7 +193,7 @@ std::uint32_t HwmonCollector::PackageOfCpuList(const fs::path& device) {
 
 HwmonStageResult HwmonCollector::Collect(const CollectContext& context, const std::vector<SensorOwnerHint>& owners,
                                          core::HardwareTelemetryFrame& frame) {
-    const std::uint64_t started = NowNs();
+    const std::uint64_t started = SteadyNowNs();
     HwmonStageResult result;
     int error = 0;
     std::vector<Chip> chips = ListChips(classDirectory_, error);
@@ -206,7 +202,7 @@ HwmonStageResult HwmonCollector::Collect(const CollectContext& context, const st
         result.stage.message = error == ENOENT ? "This system has no hwmon sensor directory"
                                                : "The hwmon sensor directory cannot be read: " +
                                                      std::generic_category().message(error);
-        result.stage.durationNs = NowNs() - started;
+        result.stage.durationNs = SteadyNowNs() - started;
         return result;
     }
 
@@ -296,7 +292,7 @@ HwmonStageResult HwmonCollector::Collect(const CollectContext& context, const st
     result.stage.ok = true;
     result.stage.message = "Read " + std::to_string(added) + " hwmon sensors from " + std::to_string(chipsRead) +
                            (chipsRead == 1 ? " chip" : " chips");
-    result.stage.durationNs = NowNs() - started;
+    result.stage.durationNs = SteadyNowNs() - started;
     return result;
 }
 

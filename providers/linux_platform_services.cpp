@@ -14,6 +14,7 @@
 #include "providers/provider_health.h"
 #include "providers/sensor_collector.h"
 #include "providers/smart_reader.h"
+#include "providers/steady_clock.h"
 #include "providers/system_metadata.h"
 
 #include <algorithm>
@@ -28,12 +29,6 @@ namespace korv::providers {
 namespace {
 
 using core::ProviderHealth;
-
-std::uint64_t SteadyNowNs() noexcept {
-    const auto now = std::chrono::steady_clock::now().time_since_epoch();
-    const auto ns = std::chrono::duration_cast<std::chrono::nanoseconds>(now).count();
-    return ns < 0 ? 0 : static_cast<std::uint64_t>(ns);
-}
 
 std::uint64_t WallClockNs() noexcept {
     const auto now = std::chrono::system_clock::now().time_since_epoch();

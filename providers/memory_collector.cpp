@@ -2,6 +2,7 @@
 
 #include "core/saturating.h"
 #include "providers/bounded_read.h"
+#include "providers/steady_clock.h"
 
 #include <algorithm>
 #include <array>
@@ -20,11 +21,6 @@ constexpr const char* kMeminfoSource = "linux.procfs.meminfo";
 constexpr const char* kPressureSource = "linux.psi.memory";
 constexpr const char* kVmstatSource = "linux.procfs.vmstat";
 constexpr const char* kHardwareSource = "linux.memory.hardware";
-
-std::uint64_t NowNs() noexcept {
-    return static_cast<std::uint64_t>(
-        std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now().time_since_epoch()).count());
-}
 
 bool IsBlank(char c) noexcept { return c == ' ' || c == '\t'; }
 
@@ -184,7 +180,7 @@ MemoryCollector::MemoryCollector(ProviderRoots roots)
       vmstatPath_((roots.proc / "vmstat").string()) {}
 
 MemoryStageResult MemoryCollector::Fill(core::SystemSnapshot& snapshot, const CollectContext& context) {
-    const std::uint64_t start = NowNs();
+    const std::uint64_t start = SteadyNowNs();
     const std::uint64_t generation = context.generation;
     MemoryStageResult result;
     FillHardwareOnly(snapshot);
@@ -249,7 +245,7 @@ MemoryStageResult MemoryCollector::Fill(core::SystemSnapshot& snapshot, const Co
 
     FillPressure(snapshot, generation);
     FillPaging(snapshot, generation);
-    result.durationNs = NowNs() - start;
+    result.durationNs = SteadyNowNs() - start;
     return result;
 }
 

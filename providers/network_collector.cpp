@@ -2,7 +2,9 @@
 
 #include "core/saturating.h"
 #include "providers/bounded_read.h"
+#include "providers/file_descriptor.h"
 #include "providers/process_directory.h"
+#include "providers/steady_clock.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -24,35 +26,6 @@ constexpr const char* kCountExceeded = "Network-interface count exceeded safety 
 constexpr const char* kStopped = "network collection stopped";
 constexpr std::size_t kAttributeLimit = 4096;
 constexpr std::uint64_t kBitsPerMegabit = 1000000;
-
-std::uint64_t NowNs() noexcept {
-    const auto ns = std::chrono::duration_cast<std::chrono::nanoseconds>(
-                        std::chrono::steady_clock::now().time_since_epoch())
-                        .count();
-    return ns < 0 ? 0 : static_cast<std::uint64_t>(ns);
-}
-
-class FdGuard {
-public:
-    explicit FdGuard(int fd) noexcept : fd_(fd) {}
-    ~FdGuard() {
-        if (fd_ >= 0) ::close(fd_);
-    }
-    FdGuard(const FdGuard&) = delete;
-    FdGuard& operator=(const FdGuard&) = delete;
-    int get() const noexcept { return fd_; }
-
-private:
-    int fd_;
-};
-
-int OpenDirectoryAt(int parentFd, const char* path) noexcept {
-    int fd;
-    do {
-        fd = ::openat(parentFd, path, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    } while (fd < 0 && errno == EINTR);
-    return fd;
-}
 
 std::string_view Trim(std::string_view text) noexcept {
     const auto space = [](char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\0'; };
@@ -110,13 +83,13 @@ NetworkCollector::NetworkCollector(ProviderRoots roots, INetworkSystem& system)
 void NetworkCollector::ResetBaselines() { baselines_.clear(); }
 
 StageResult NetworkCollector::Collect(const CollectContext& ctx, std::vector<core::DeviceSnapshot>& devices) {
-    const std::uint64_t start = NowNs();
+    const std::uint64_t start = SteadyNowNs();
     StageResult result;
     const auto finish = [&](int error, const char* message) {
         result.ok = error == 0;
         result.error = error;
         result.message = message;
-        result.durationNs = NowNs() - start;
+        result.durationNs = SteadyNowNs() - start;
         return result;
     };
     if (ctx.resetBaselines) ResetBaselines();

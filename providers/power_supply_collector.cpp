@@ -2,6 +2,7 @@
 
 #include "providers/bounded_read.h"
 #include "providers/sensor_ids.h"
+#include "providers/steady_clock.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -19,11 +20,6 @@ namespace fs = std::filesystem;
 constexpr const char* kSource = "linux.power_supply";
 constexpr std::string_view kAcPowerText = "AC Power";
 constexpr std::string_view kBatteryText = "Battery";
-
-std::uint64_t NowNs() noexcept {
-    return static_cast<std::uint64_t>(
-        std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now().time_since_epoch()).count());
-}
 
 bool IsExternalSource(std::string_view type) noexcept {
     return type == "Mains" || type == "Wireless" || type.starts_with("USB");
@@ -266,7 +262,7 @@ PowerSupplyCollector::PowerSupplyCollector(ProviderRoots roots) : classDirectory
 
 StageResult PowerSupplyCollector::Collect(const CollectContext& context, core::HardwareTelemetryFrame& frame,
                                           core::SystemSnapshot& snapshot) {
-    const std::uint64_t started = NowNs();
+    const std::uint64_t started = SteadyNowNs();
     StageResult result;
     std::error_code ec;
     fs::directory_iterator it(classDirectory_, ec);
@@ -275,7 +271,7 @@ StageResult PowerSupplyCollector::Collect(const CollectContext& context, core::H
         result.message = ec.value() == ENOENT ? "This system has no power supply directory"
                                               : "The power supply directory cannot be read: " + ec.message();
         MarkAllMissing(snapshot, AvailabilityFromErrno(ec.value()));
-        result.durationNs = NowNs() - started;
+        result.durationNs = SteadyNowNs() - started;
         return result;
     }
 
@@ -313,7 +309,7 @@ StageResult PowerSupplyCollector::Collect(const CollectContext& context, core::H
     result.message = "Read " + std::to_string(batteries.size()) + (batteries.size() == 1 ? " battery" : " batteries") +
                      " and " + std::to_string(externalSources) +
                      (externalSources == 1 ? " external power source" : " external power sources");
-    result.durationNs = NowNs() - started;
+    result.durationNs = SteadyNowNs() - started;
     return result;
 }
 

@@ -2,6 +2,7 @@
 
 #include "core/saturating.h"
 #include "providers/sensor_ids.h"
+#include "providers/steady_clock.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -18,11 +19,6 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr const char* kSource = "linux.powercap";
-
-std::uint64_t NowNs() noexcept {
-    return static_cast<std::uint64_t>(
-        std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now().time_since_epoch()).count());
-}
 
 struct Zone {
     std::string directory;  // e.g. "intel-rapl:0:1"
@@ -125,7 +121,7 @@ void PowercapCollector::ResetBaselines() noexcept { baselines_.clear(); }
 
 PowercapStageResult PowercapCollector::Collect(const CollectContext& context, core::HardwareTelemetryFrame& frame,
                                                core::SystemSnapshot& snapshot) {
-    const std::uint64_t started = NowNs();
+    const std::uint64_t started = SteadyNowNs();
     if (context.resetBaselines) ResetBaselines();
     PowercapStageResult result;
     int error = 0;
@@ -139,7 +135,7 @@ PowercapStageResult PowercapCollector::Collect(const CollectContext& context, co
                                                      std::generic_category().message(error);
         package.Put(snapshot.cpuPowerWatts, false, context.generation);
         dram.Put(snapshot.dramPowerWatts, false, context.generation);
-        result.stage.durationNs = NowNs() - started;
+        result.stage.durationNs = SteadyNowNs() - started;
         return result;
     }
 
@@ -223,7 +219,7 @@ PowercapStageResult PowercapCollector::Collect(const CollectContext& context, co
         result.stage.ok = true;
         result.stage.message = zones.empty() ? "This system has no powercap energy zones" : read;
     }
-    result.stage.durationNs = NowNs() - started;
+    result.stage.durationNs = SteadyNowNs() - started;
     return result;
 }
 

@@ -10,6 +10,7 @@
 #include "providers/process_row.h"
 #include "providers/process_status.h"
 #include "providers/process_user_names.h"
+#include "providers/steady_clock.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -23,12 +24,6 @@
 
 namespace korv::providers {
 namespace {
-
-std::uint64_t SteadyNowNs() noexcept {
-    const auto now = std::chrono::steady_clock::now().time_since_epoch();
-    const auto ns = std::chrono::duration_cast<std::chrono::nanoseconds>(now).count();
-    return ns > 0 ? static_cast<std::uint64_t>(ns) : 0;
-}
 
 // What a process carries from one tick to the next.
 struct TrackedProcess {
