@@ -22,10 +22,10 @@ private:
 };
 
 // A directory opened relative to another, retried after a signal; -1 with errno on failure.
-inline int OpenDirectoryAt(int parentFd, const char* path) noexcept {
+inline int OpenDirectoryAt(int parentFd, const char* path, int extraFlags = 0) noexcept {
     int fd;
     do {
-        fd = ::openat(parentFd, path, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        fd = ::openat(parentFd, path, O_RDONLY | O_DIRECTORY | O_CLOEXEC | extraFlags);
     } while (fd < 0 && errno == EINTR);
     return fd;
 }

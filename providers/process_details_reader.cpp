@@ -1,4 +1,5 @@
 #include "providers/bounded_read.h"
+#include "providers/file_descriptor.h"
 #include "providers/proc_pid_stat.h"
 #include "providers/process_collector.h"
 #include "providers/process_directory.h"
@@ -16,28 +17,6 @@ namespace {
 
 constexpr std::size_t kArgumentListLimit = 4194304;  // cmdline and environ each
 constexpr std::size_t kShownDescriptorLimit = 512;
-
-class Descriptor {
-public:
-    explicit Descriptor(int fd) noexcept : fd_(fd) {}
-    ~Descriptor() {
-        if (fd_ >= 0) ::close(fd_);
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    int Get() const noexcept { return fd_; }
-
-private:
-    int fd_;
-};
-
-int OpenDirectoryAt(int directoryFd, const char* path, int extraFlags) noexcept {
-    int fd;
-    do {
-        fd = ::openat(directoryFd, path, O_RDONLY | O_DIRECTORY | O_CLOEXEC | extraFlags);
-    } while (fd < 0 && errno == EINTR);
-    return fd;
-}
 
 // Pieces separated by NUL; the NUL that ends the last piece adds no empty piece.
 void SplitOnNul(std::string_view text, std::vector<std::string>& out) {
@@ -80,14 +59,14 @@ core::OpenDescriptor DescribeTarget(std::int32_t fd, std::string_view target) {
 }
 
 void ReadDescriptors(int pidDirectory, core::ProcessDetails& details) {
-    const Descriptor fdDirectory(OpenDirectoryAt(pidDirectory, "fd", 0));
-    if (fdDirectory.Get() < 0) {
+    const FdGuard fdDirectory(OpenDirectoryAt(pidDirectory, "fd", 0));
+    if (fdDirectory.get() < 0) {
         details.descriptorsAvailability = AvailabilityFromErrno(errno);
         return;
     }
     std::vector<std::int32_t> numbers;
     std::vector<char> buffer;
-    const int error = ForEachDirectoryEntry(fdDirectory.Get(), buffer, [&](std::string_view name) {
+    const int error = ForEachDirectoryEntry(fdDirectory.get(), buffer, [&](std::string_view name) {
         std::int32_t fd = -1;
         const auto [end, ec] = std::from_chars(name.data(), name.data() + name.size(), fd);
         if (ec == std::errc{} && end == name.data() + name.size() && fd >= 0) numbers.push_back(fd);
@@ -103,7 +82,7 @@ void ReadDescriptors(int pidDirectory, core::ProcessDetails& details) {
     char target[PATH_MAX];
     for (std::size_t i = 0; i < shown; ++i) {
         char name[16];
-        const ssize_t length = ::readlinkat(fdDirectory.Get(), PidText(static_cast<std::uint32_t>(numbers[i]), name),
+        const ssize_t length = ::readlinkat(fdDirectory.get(), PidText(static_cast<std::uint32_t>(numbers[i]), name),
                                             target, sizeof target);
         if (length < 0) continue;  // closed since the listing
         details.descriptors.push_back(DescribeTarget(numbers[i], std::string_view(target, static_cast<std::size_t>(length))));
@@ -116,15 +95,15 @@ void ReadDescriptors(int pidDirectory, core::ProcessDetails& details) {
 
 std::shared_ptr<core::ProcessDetails> ReadProcessDetails(const ProviderRoots& roots, const core::ProcessKey& key) {
     if (key.pid == 0) return nullptr;
-    const Descriptor root(OpenDirectoryAt(AT_FDCWD, roots.proc.c_str(), 0));
-    if (root.Get() < 0) return nullptr;
+    const FdGuard root(OpenDirectoryAt(AT_FDCWD, roots.proc.c_str(), 0));
+    if (root.get() < 0) return nullptr;
     char pidName[16];
     // The directory descriptor pins the process: once it is gone, reads through it fail.
-    const Descriptor directory(OpenDirectoryAt(root.Get(), PidText(key.pid, pidName), O_NOFOLLOW));
-    if (directory.Get() < 0) return nullptr;
+    const FdGuard directory(OpenDirectoryAt(root.get(), PidText(key.pid, pidName), O_NOFOLLOW));
+    if (directory.get() < 0) return nullptr;
 
     std::string buffer;
-    const ProcStatRead first = ReadProcPidStatAt(directory.Get(), key.pid, buffer);
+    const ProcStatRead first = ReadProcPidStatAt(directory.get(), key.pid, buffer);
     if (!first.stat || first.stat->starttime != key.startTime) return nullptr;
     const ParsedProcStat& stat = *first.stat;
 
@@ -138,7 +117,7 @@ std::shared_ptr<core::ProcessDetails> ReadProcessDetails(const ProviderRoots& ro
     details->threadCount = stat.numThreads;
 
     char target[PATH_MAX];
-    const ssize_t length = ::readlinkat(directory.Get(), "exe", target, sizeof target);
+    const ssize_t length = ::readlinkat(directory.get(), "exe", target, sizeof target);
     if (length >= 0) {
         details->executablePath.assign(target, static_cast<std::size_t>(length));
         details->executableAvailability = core::MetricAvailability::valid;
@@ -149,13 +128,13 @@ std::shared_ptr<core::ProcessDetails> ReadProcessDetails(const ProviderRoots& ro
     }
     details->name = DisplayName(stat.comm, details->executablePath);
 
-    ReadArgumentList(directory.Get(), "cmdline", details->commandLine, details->commandLineAvailability,
+    ReadArgumentList(directory.get(), "cmdline", details->commandLine, details->commandLineAvailability,
                      details->commandLineTruncated);
-    ReadArgumentList(directory.Get(), "environ", details->environment, details->environmentAvailability,
+    ReadArgumentList(directory.get(), "environ", details->environment, details->environmentAvailability,
                      details->environmentTruncated);
-    ReadDescriptors(directory.Get(), *details);
+    ReadDescriptors(directory.get(), *details);
 
-    const ProcStatRead last = ReadProcPidStatAt(directory.Get(), key.pid, buffer);
+    const ProcStatRead last = ReadProcPidStatAt(directory.get(), key.pid, buffer);
     if (!last.stat || last.stat->starttime != key.startTime) return nullptr;
     return details;
 }
