@@ -17,8 +17,11 @@ session="korv-bench-$$"
 sleepers=()
 launcher=""
 toppid=""
+korv=""
+# The program goes first: xvfb-run then ends its own X server.
 cleanup() {
-    [[ -n "$launcher" ]] && kill "$launcher" 2>/dev/null || true
+    [[ -n "$korv" ]] && kill "$korv" 2>/dev/null || true
+    [[ -n "$launcher" ]] && wait "$launcher" 2>/dev/null || true
     [[ -n "$toppid" ]] && kill "$toppid" 2>/dev/null || true
     tmux kill-session -t "$session" 2>/dev/null || true
     # The sleepers are one process group: end them together.

@@ -12,7 +12,16 @@ binary="${KORV_BINARY:-$root/build/bin/korv-task-manager}"
 [[ -x "$binary" ]] || { echo "summary_cpu: $binary is not built" >&2; exit 1; }
 
 home="$(mktemp -d)"
-trap 'kill "$pid" 2>/dev/null || true; wait "$pid" 2>/dev/null || true; rm -rf "$home"' EXIT
+pid=""
+launcher=""
+# The program goes first: xvfb-run then ends its own X server. Killing xvfb-run first would leave
+# the server (and the program) behind.
+cleanup() {
+    [[ -n "$pid" ]] && kill "$pid" 2>/dev/null || true
+    [[ -n "$launcher" ]] && wait "$launcher" 2>/dev/null || true
+    rm -rf "$home"
+}
+trap cleanup EXIT
 config="$home/config/KORV/Task Manager KORV"  # the organisation and application names
 mkdir -p "$config" "$home/runtime"
 # A file of another schema would be set aside as damaged, and the run would measure the defaults.
@@ -47,4 +56,3 @@ sleep "$seconds"
 after="$(ticks)"
 awk -v a="$before" -v b="$after" -v hz="$hz" -v s="$seconds" -v speed="$speed" -v fps="$fps" \
     'BEGIN { printf "summary page, update %s, %s fps: %.2f%% of one core over %d s\n", speed, fps, (b - a) / hz / s * 100, s }'
-kill "$launcher" 2>/dev/null || true
