@@ -352,12 +352,7 @@ void DiskCollector::FillRates(const DiskStatsRow& now, const CollectContext& ctx
         now.sectorsRead < was.sectorsRead || now.sectorsWritten < was.sectorsWritten) {
         return;
     }
-    std::uint64_t elapsedNs = 0;
-    if (ctx.monotonicNs != 0 && before.sampleNs != 0) {
-        elapsedNs = ctx.monotonicNs > before.sampleNs ? ctx.monotonicNs - before.sampleNs : 0;
-    } else if (ctx.elapsedNs > 0) {
-        elapsedNs = static_cast<std::uint64_t>(ctx.elapsedNs);
-    }
+    const std::uint64_t elapsedNs = ElapsedSinceNs(ctx, before.sampleNs);
     if (elapsedNs == 0) return;
 
     const double seconds = static_cast<double>(elapsedNs) / 1e9;

@@ -279,12 +279,7 @@ void NetworkCollector::FillRates(const NetDevRow& now, const CollectContext& ctx
         now.receivePackets < was.receivePackets || now.transmitPackets < was.transmitPackets) {
         return;
     }
-    std::uint64_t elapsedNs = 0;
-    if (ctx.monotonicNs != 0 && before.sampleNs != 0) {
-        elapsedNs = ctx.monotonicNs > before.sampleNs ? ctx.monotonicNs - before.sampleNs : 0;
-    } else if (ctx.elapsedNs > 0) {
-        elapsedNs = static_cast<std::uint64_t>(ctx.elapsedNs);
-    }
+    const std::uint64_t elapsedNs = ElapsedSinceNs(ctx, before.sampleNs);
     if (elapsedNs == 0) return;
     const double seconds = static_cast<double>(elapsedNs) / 1e9;
     const auto rate = [&](std::uint64_t later, std::uint64_t earlier) {

@@ -24,4 +24,11 @@ struct CollectContext {
     std::stop_token stop;  // polled between items; a stopped stage discards its work
 };
 
+// Time since a baseline taken at sampleNs: by the monotonic clock when both times are known (0 if it
+// did not move on), else the engine's time since the previous tick.
+inline std::uint64_t ElapsedSinceNs(const CollectContext& ctx, std::uint64_t sampleNs) noexcept {
+    if (ctx.monotonicNs != 0 && sampleNs != 0) return ctx.monotonicNs > sampleNs ? ctx.monotonicNs - sampleNs : 0;
+    return ctx.elapsedNs > 0 ? static_cast<std::uint64_t>(ctx.elapsedNs) : 0;
+}
+
 }  // namespace korv::providers
