@@ -185,8 +185,10 @@ struct NetworkBlock {
 };
 
 struct EngineUtilization {
-    std::string name;
+    std::string name;    // shown, such as "Video encode"
     Metric<double> utilizationPercent;
+    std::string id;      // stable, such as "video-encode"
+    std::string vendor;  // who reports the engine, such as "nvidia"
 };
 
 struct GpuBlock {

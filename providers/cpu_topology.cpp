@@ -249,7 +249,6 @@ CpuTopology ReadCpuTopology(const std::filesystem::path& cpuDirectory) {
 
     std::map<std::tuple<std::uint64_t, std::string, std::string>, std::uint64_t> caches;
     std::set<std::pair<std::int64_t, std::int64_t>> cores;
-    bool allTopology = !topology.cpus.empty();
     for (auto& cpu : topology.cpus) {
         const std::string name = "cpu" + std::to_string(cpu.index);
         cpu.packageId = ReadNumber<std::int64_t>(root.Fd(), name + "/topology/physical_package_id");
@@ -259,13 +258,9 @@ CpuTopology ReadCpuTopology(const std::filesystem::path& cpuDirectory) {
         cpuDir.ForEachName([&](std::string_view entry) {
             if (const auto node = NumberedName(entry, "node")) cpu.numaNode = *node;
         });
-        if (cpu.packageId && cpu.coreId) {
-            cores.emplace(*cpu.packageId, *cpu.coreId);
-            topology.packageIds.push_back(*cpu.packageId);
-        } else {
-            allTopology = false;
-            if (cpu.packageId) topology.packageIds.push_back(*cpu.packageId);
-        }
+        // An offline CPU has no topology/ directory: the counts are of the CPUs that have one.
+        if (cpu.packageId && cpu.coreId) cores.emplace(*cpu.packageId, *cpu.coreId);
+        if (cpu.packageId) topology.packageIds.push_back(*cpu.packageId);
         CollectCaches(root.Fd(), name, caches);
     }
     std::sort(topology.packageIds.begin(), topology.packageIds.end());
@@ -276,10 +271,8 @@ CpuTopology ReadCpuTopology(const std::filesystem::path& cpuDirectory) {
         const auto it = std::lower_bound(topology.packageIds.begin(), topology.packageIds.end(), *cpu.packageId);
         cpu.packageOrdinal = static_cast<std::uint32_t>(it - topology.packageIds.begin());
     }
-    if (allTopology) {
-        topology.physicalCoreCount = cores.size();
-        topology.socketCount = topology.packageIds.size();
-    }
+    if (!cores.empty()) topology.physicalCoreCount = cores.size();
+    if (!topology.packageIds.empty()) topology.socketCount = topology.packageIds.size();
     topology.caches = SumCaches(caches);
     return topology;
 }

@@ -65,8 +65,9 @@ struct CpuTopology {
     int error = 0;  // errno of listing the cpu directory
     std::vector<LogicalCpuTopology> cpus;  // by index
     std::vector<std::int64_t> packageIds;  // distinct, ascending; a CPU without an id has ordinal 0
-    std::optional<std::uint64_t> physicalCoreCount;  // distinct (package, core) pairs; all CPUs must tell
-    std::optional<std::uint64_t> socketCount;        // distinct package ids; all CPUs must tell
+    // Counted over the CPUs whose topology/ can be read (an offline CPU has none); nothing when none can.
+    std::optional<std::uint64_t> physicalCoreCount;  // distinct (package, core) pairs
+    std::optional<std::uint64_t> socketCount;        // distinct package ids
     CpuCacheTotals caches;
 
     const LogicalCpuTopology* Find(std::uint32_t index) const noexcept;

@@ -375,9 +375,10 @@ void DiskCollector::FillRates(const DiskStatsRow& now, const CollectContext& ctx
         const std::uint64_t operations =
             (now.readsCompleted - was.readsCompleted) + (now.writesCompleted - was.writesCompleted);
         const std::uint64_t millis = (now.readMillis - was.readMillis) + (now.writeMillis - was.writeMillis);
-        // No request completed: the device did not respond to anything, so the time is zero.
-        Put(disk.averageResponseMs,
-            operations == 0 ? 0.0 : static_cast<double>(millis) / static_cast<double>(operations), generation);
+        // With no request completed there is nothing to average: the time stays unknown, not zero.
+        if (operations != 0) {
+            Put(disk.averageResponseMs, static_cast<double>(millis) / static_cast<double>(operations), generation);
+        }
     }
 }
 

@@ -158,7 +158,7 @@ GpuStageResult GpuCollector::Collect(const CollectContext& ctx, std::vector<core
     if (ctx.stop.stop_requested()) return result;
 
     const std::uint64_t nvmlStart = SteadyNowNs();
-    result.nvml = CollectNvml(ctx, devices, firstDrmRow, drm.adapters, result.nvmlAnswered);
+    CollectNvml(ctx, devices, firstDrmRow, drm.adapters, result);
     result.nvml.durationNs = Since(nvmlStart);
 
     if (result.nvmlAnswered) {
@@ -172,31 +172,26 @@ GpuStageResult GpuCollector::Collect(const CollectContext& ctx, std::vector<core
     return result;
 }
 
-StageResult GpuCollector::CollectNvml(const CollectContext& ctx, std::vector<core::DeviceSnapshot>& devices,
-                                      std::size_t firstDrmRow, std::size_t drmRows, bool& answered) {
-    StageResult stage;
-    if (!nvmlTried_) {
-        nvmlTried_ = true;
-        auto library = std::make_unique<NvmlLibrary>(paths_.nvmlLibraryNames);
-        if (library->Open()) {
-            nvml_ = std::move(library);
-        } else {
-            nvmlFailure_ = library->FailureText();
-            nvmlFailureCode_ = library->FailureCode();
-        }
-    }
+void GpuCollector::CollectNvml(const CollectContext& ctx, std::vector<core::DeviceSnapshot>& devices,
+                               std::size_t firstDrmRow, std::size_t drmRows, GpuStageResult& result) {
+    StageResult& stage = result.nvml;
     if (!nvml_) {
-        stage.message = nvmlFailure_;
-        stage.error = nvmlFailureCode_;
-        return stage;
+        nvml_ = std::make_unique<NvmlLibrary>(paths_.nvmlLibraryNames);
+        nvml_->Open();
+    }
+    if (!nvml_->Initialised()) {
+        stage.message = nvml_->FailureText();
+        stage.error = nvml_->FailureErrno();
+        result.nvmlReturn = nvml_->FailureReturn();
+        return;
     }
 
     NvmlReading reading = ReadNvmlDevices(*nvml_, ctx.generation, ctx.stop);
     stage.ok = reading.ok;
     stage.message = std::move(reading.message);
-    stage.error = reading.error;
-    answered = reading.ok && !reading.devices.empty();
-    if (reading.devices.empty()) return stage;
+    result.nvmlReturn = reading.nvmlReturn;
+    result.nvmlAnswered = reading.ok && !reading.devices.empty();
+    if (reading.devices.empty()) return;
 
     const std::map<std::string, std::string> slots = ReadNvidiaGpuSlots(paths_.nvidiaGpus);
     const std::vector<std::filesystem::path>& adapterPaths = drm_.AdapterDevicePaths();
@@ -227,7 +222,6 @@ StageResult GpuCollector::CollectNvml(const CollectContext& ctx, std::vector<cor
         if (!slot.empty()) nvmlDevice.row.gpu.bus.Set(slot, ctx.generation);
         devices.push_back(std::move(nvmlDevice.row));
     }
-    return stage;
 }
 
 void GpuCollector::AppendTelemetry(core::HardwareTelemetryFrame& frame, const core::SystemSnapshot& snapshot) const {

@@ -25,15 +25,16 @@ struct GpuCollectorPaths {
 
 struct GpuStageResult {
     StageResult drm;   // ok when an adapter is listed; message: the DRM status text
-    StageResult nvml;  // message: the linux.gpu.nvml health text
+    StageResult nvml;  // message: the linux.gpu.nvml health text; error: an errno value only
+    nvml::nvmlReturn_t nvmlReturn = nvml::NVML_SUCCESS;  // of the failed nvmlInit_v2 or device count
     std::string capabilityText;  // for gpu.telemetry
     core::ProviderSupport capabilitySupport = core::ProviderSupport::unsupported;
     bool nvmlAnswered = false;  // NVML listed at least one device this tick
 };
 
 // The GPU stage of a Collect tick: DRM sysfs rows, then NVML, which is loaded at the first Collect
-// and kept to destruction. A failed load or nvmlInit_v2 is kept as text and never retried. Used by
-// the Collect thread only.
+// and kept from then to destruction. A failed load or nvmlInit_v2 is kept as text and never retried.
+// Used by the Collect thread only.
 class GpuCollector {
 public:
     GpuCollector(ProviderRoots roots, GpuCollectorPaths paths = {});
@@ -53,16 +54,13 @@ public:
     const std::vector<std::filesystem::path>& AdapterDevicePaths() const;
 
 private:
-    StageResult CollectNvml(const CollectContext& ctx, std::vector<core::DeviceSnapshot>& devices,
-                            std::size_t firstDrmRow, std::size_t drmRows, bool& answered);
+    void CollectNvml(const CollectContext& ctx, std::vector<core::DeviceSnapshot>& devices, std::size_t firstDrmRow,
+                     std::size_t drmRows, GpuStageResult& result);
 
     ProviderRoots roots_;
     GpuCollectorPaths paths_;
     DrmGpuCollector drm_;
-    std::unique_ptr<NvmlLibrary> nvml_;
-    bool nvmlTried_ = false;
-    std::string nvmlFailure_;
-    int nvmlFailureCode_ = 0;
+    std::unique_ptr<NvmlLibrary> nvml_;  // from the first Collect on; it holds a failure's text and codes
 };
 
 // GPU UUID to PCI slot, from the "GPU UUID:" line of <nvidiaGpus>/<slot>/information. Both in lower

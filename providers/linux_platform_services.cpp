@@ -249,19 +249,12 @@ std::shared_ptr<core::SystemSnapshot> LinuxPlatformServices::Collect(const core:
                                          ctx));
     if (stop.stop_requested()) return nullptr;
 
-    // 14. The telemetry frame. Sensors go first: the power supplies fill the snapshot's battery and
-    // power fields that the frame is built from; their own sensors join the frame afterwards.
-    const std::vector<SensorOwnerHint> owners = SensorOwnersFor(disks_.Devices(), gpus_.AdapterDevicePaths());
-    core::HardwareTelemetryFrame sensorFrame;
-    const SensorStageResult sensorStage = sensors_.Collect(ctx, owners, sensorFrame, s);
-    for (const auto& [provider, stage] : {std::pair{"linux.hwmon", &sensorStage.hwmon},
-                                          std::pair{"linux.power_supply", &sensorStage.powerSupply},
-                                          std::pair{"linux.powercap", &sensorStage.powercap}}) {
-        // A machine without that sysfs class (a VM has no hwmon) is not a failing provider.
-        const bool ok = stage->ok || stage->error == ENOENT;
-        s.providers.push_back(health_.Record(
-            provider, {ok, ProviderHealth::degraded, stage->message, stage->durationNs, stage->error}, ctx));
-    }
+    // 14. The telemetry frame. Power supplies and powercap go first: they fill the snapshot's battery
+    // and power fields that the frame is built from. hwmon goes last, into the built frame, so that
+    // the chips of drives and graphics cards find the devices they belong to.
+    SensorStageResult sensorStage;
+    core::HardwareTelemetryFrame powerFrame;
+    sensors_.CollectPower(ctx, powerFrame, s, sensorStage);
     if (stop.stop_requested()) return nullptr;
 
     core::HardwareTelemetryFrame frame = core::BuildTelemetryFrame(s);
@@ -272,7 +265,18 @@ std::shared_ptr<core::SystemSnapshot> LinuxPlatformServices::Collect(const core:
     }
     cpu_.AppendTelemetry(frame, s);
     gpus_.AppendTelemetry(frame, s);
-    core::MergeTelemetryFrame(frame, std::move(sensorFrame));
+    core::MergeTelemetryFrame(frame, std::move(powerFrame));
+    sensors_.CollectHwmon(ctx, SensorOwnersFor(disks_.Devices(), gpus_.AdapterDevicePaths()), frame, sensorStage);
+    for (const auto& [provider, stage] : {std::pair{"linux.hwmon", &sensorStage.hwmon},
+                                          std::pair{"linux.power_supply", &sensorStage.powerSupply},
+                                          std::pair{"linux.powercap", &sensorStage.powercap}}) {
+        // A machine without that sysfs class (a VM has no hwmon) is not a failing provider.
+        const bool ok = stage->ok || stage->error == ENOENT;
+        s.providers.push_back(health_.Record(
+            provider, {ok, ProviderHealth::degraded, stage->message, stage->durationNs, stage->error}, ctx));
+    }
+    if (stop.stop_requested()) return nullptr;
+
     if (auto row = s.capabilities.find("thermal.sensors"); row != s.capabilities.end() && sensorStage.anyTemperature) {
         row->second.support = core::ProviderSupport::supported;
     }

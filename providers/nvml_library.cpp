@@ -34,19 +34,16 @@ void SetPercent(core::Metric<double>& metric, unsigned int value, std::uint64_t 
 
 NvmlLibrary::NvmlLibrary(std::vector<std::string> libraryNames) : libraryNames_(std::move(libraryNames)) {}
 
+// A library whose nvmlInit_v2 failed is left loaded: what the failed start left behind (threads,
+// handlers) may still point into it.
 NvmlLibrary::~NvmlLibrary() {
     if (!initialised_) return;
     entry_.shutdown();
     ::dlclose(handle_);
 }
 
-bool NvmlLibrary::Fail(std::string text, int code) {
+bool NvmlLibrary::Fail(std::string text) {
     failureText_ = std::move(text);
-    failureCode_ = code;
-    if (handle_ != nullptr) {
-        ::dlclose(handle_);
-        handle_ = nullptr;
-    }
     entry_ = {};
     return false;
 }
@@ -59,8 +56,8 @@ bool NvmlLibrary::Open() {
         if (handle_ != nullptr) break;
     }
     if (handle_ == nullptr) {
-        return Fail("libnvidia-ml.so(.1) not found on this system's library path -- no NVIDIA driver installed",
-                    kNvmlLibraryMissing);
+        failureErrno_ = kNvmlLibraryMissing;
+        return Fail("libnvidia-ml.so(.1) not found on this system's library path -- no NVIDIA driver installed");
     }
     const bool resolved = Resolve(handle_, "nvmlInit_v2", entry_.init) &&
                           Resolve(handle_, "nvmlShutdown", entry_.shutdown) &&
@@ -78,10 +75,16 @@ bool NvmlLibrary::Open() {
                           Resolve(handle_, "nvmlDeviceGetMaxClockInfo", entry_.getMaxClockInfo) &&
                           Resolve(handle_, "nvmlDeviceGetEncoderUtilization", entry_.getEncoderUtilization) &&
                           Resolve(handle_, "nvmlDeviceGetDecoderUtilization", entry_.getDecoderUtilization);
-    if (!resolved) return Fail("libnvidia-ml.so was found but is missing an expected symbol", kNvmlSymbolMissing);
+    if (!resolved) {
+        failureErrno_ = kNvmlSymbolMissing;
+        return Fail("libnvidia-ml.so was found but is missing an expected symbol");
+    }
 
     const nvml::nvmlReturn_t rc = entry_.init();
-    if (rc != NVML_SUCCESS) return Fail("nvmlInit_v2 failed: " + ErrorText(rc), rc);
+    if (rc != NVML_SUCCESS) {
+        failureReturn_ = rc;
+        return Fail("nvmlInit_v2 failed: " + ErrorText(rc));
+    }
     initialised_ = true;
     return true;
 }
@@ -99,7 +102,7 @@ NvmlReading ReadNvmlDevices(const NvmlLibrary& library, std::uint64_t generation
     const nvml::nvmlReturn_t countRc = api.getCount(&count);
     if (countRc != NVML_SUCCESS) {
         reading.message = "nvmlDeviceGetCount_v2 failed: " + library.ErrorText(countRc);
-        reading.error = countRc;
+        reading.nvmlReturn = countRc;
         return reading;
     }
     reading.ok = true;
@@ -128,8 +131,8 @@ NvmlReading ReadNvmlDevices(const NvmlLibrary& library, std::uint64_t generation
         }
         row.id = device.uuid.empty() ? "linux-nvml-index-" + std::to_string(index) : device.uuid;
 
-        core::EngineUtilization encode{"Video encode", {}};
-        core::EngineUtilization decode{"Video decode", {}};
+        core::EngineUtilization encode{"Video encode", {}, "video-encode", "nvidia"};
+        core::EngineUtilization decode{"Video decode", {}, "video-decode", "nvidia"};
         encode.utilizationPercent.source = kNvmlSource;
         encode.utilizationPercent.MarkMissing(MetricAvailability::unsupported);
         decode.utilizationPercent = encode.utilizationPercent;

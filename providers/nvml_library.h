@@ -58,7 +58,8 @@ inline constexpr int kNvmlSymbolMissing = ENOSYS;   // an entry point is absent
 
 // NVIDIA's management library, opened with dlopen(RTLD_NOW | RTLD_GLOBAL) under the first name that
 // loads, every entry point resolved, then nvmlInit_v2. A failure is kept as text; Open does its work
-// once. nvmlShutdown and dlclose run at destruction, and only when nvmlInit_v2 worked.
+// once. A loaded library stays loaded while the object lives; nvmlShutdown and dlclose run at
+// destruction, and only when nvmlInit_v2 worked.
 class NvmlLibrary {
 public:
     explicit NvmlLibrary(std::vector<std::string> libraryNames = {"libnvidia-ml.so.1", "libnvidia-ml.so"});
@@ -67,15 +68,19 @@ public:
     NvmlLibrary& operator=(const NvmlLibrary&) = delete;
 
     bool Open();
+    bool Loaded() const noexcept { return handle_ != nullptr; }
     bool Initialised() const noexcept { return initialised_; }
     const std::string& FailureText() const noexcept { return failureText_; }
-    int FailureCode() const noexcept { return failureCode_; }  // an nvmlReturn_t, or a kNvml* code
+    // Why loading failed, as an errno value (kNvmlLibraryMissing, kNvmlSymbolMissing); 0 otherwise.
+    int FailureErrno() const noexcept { return failureErrno_; }
+    // What nvmlInit_v2 returned when it failed; NVML_SUCCESS otherwise.
+    nvml::nvmlReturn_t FailureReturn() const noexcept { return failureReturn_; }
     const NvmlEntryPoints& EntryPoints() const noexcept { return entry_; }
     // nvmlErrorString for a return code, with a plain text when the library gives none.
     std::string ErrorText(nvml::nvmlReturn_t code) const;
 
 private:
-    bool Fail(std::string text, int code);
+    bool Fail(std::string text);
 
     std::vector<std::string> libraryNames_;
     void* handle_ = nullptr;
@@ -83,7 +88,8 @@ private:
     bool opened_ = false;
     bool initialised_ = false;
     std::string failureText_;
-    int failureCode_ = 0;
+    int failureErrno_ = 0;
+    nvml::nvmlReturn_t failureReturn_ = nvml::NVML_SUCCESS;
 };
 
 // One device as NVML describes it, as a GPU row of its own (id: the UUID, else "linux-nvml-index-N").
@@ -96,7 +102,7 @@ struct NvmlDevice {
 struct NvmlReading {
     bool ok = false;  // the device count was read
     std::string message;
-    int error = 0;
+    nvml::nvmlReturn_t nvmlReturn = nvml::NVML_SUCCESS;  // of the failed nvmlDeviceGetCount_v2
     std::vector<NvmlDevice> devices;
 };
 

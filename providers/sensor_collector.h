@@ -20,16 +20,20 @@ struct SensorStageResult {
     bool powercapAccessDenied = false;  // energy counters exist but only root may read them
 };
 
-// The sensor stage of a Collect tick: hwmon, then power_supply, then powercap. Adds devices and
-// sensors to a frame that already holds "system", "cpu:package:0" and the snapshot's "gpu:<id>" and
-// "storage:<id>" devices, and fills the snapshot's power source, battery and CPU/DRAM power fields.
+// The sensor stage of a Collect tick, in two steps around the building of the telemetry frame:
+// CollectPower reads power_supply, then powercap, fills the snapshot's power source, battery and
+// CPU/DRAM power fields that the frame is built from, and adds their own devices and sensors to a
+// frame of its own; CollectHwmon then reads hwmon into the frame built from the snapshot, whose
+// "gpu:<id>" and "storage:<id>" devices the chips of graphics cards and NVMe drives join.
 // Called by the Collect thread only; the powercap baselines persist between calls.
 class SensorCollector {
 public:
     explicit SensorCollector(ProviderRoots roots);
 
-    SensorStageResult Collect(const CollectContext& ctx, const std::vector<SensorOwnerHint>& owners,
-                              core::HardwareTelemetryFrame& frame, core::SystemSnapshot& snapshot);
+    void CollectPower(const CollectContext& ctx, core::HardwareTelemetryFrame& frame, core::SystemSnapshot& snapshot,
+                      SensorStageResult& result);
+    void CollectHwmon(const CollectContext& ctx, const std::vector<SensorOwnerHint>& owners,
+                      core::HardwareTelemetryFrame& frame, SensorStageResult& result);
     void ResetBaselines();  // forget the powercap energy baselines
 
 private:

@@ -2,7 +2,8 @@
 // finds it through the library path exactly as it finds the real one. Its behaviour is read from the
 // environment at each nvmlInit_v2:
 //   KORV_FAKE_NVML_DEVICES  number of devices (at most 8); unset: nvmlInit_v2 fails, "Driver Not Loaded"
-//   KORV_FAKE_NVML_FAIL     name of one entry point that returns "Not Supported"
+//   KORV_FAKE_NVML_FAIL     name of one entry point that fails, with "Not Supported" unless
+//   KORV_FAKE_NVML_FAIL_CODE names another return code
 //   KORV_FAKE_NVML_UUIDS    comma-separated UUIDs by index; default "GPU-fake-<index>"
 // Built with KORV_FAKE_NVML_INCOMPLETE it lacks nvmlDeviceGetDecoderUtilization.
 
@@ -44,6 +45,7 @@ struct State {
     bool initialised = false;
     unsigned int devices = 0;
     std::string failing;
+    nvmlReturn_t failCode = kNotSupported;
     std::string uuids;
     unsigned int initCalls = 0;
     unsigned int shutdownCalls = 0;
@@ -59,7 +61,7 @@ State& TheState() {
 nvmlReturn_t Gate(std::string_view function) {
     const State& s = TheState();
     if (!s.initialised) return kUninitialized;
-    return s.failing == function ? kNotSupported : kSuccess;
+    return s.failing == function ? s.failCode : kSuccess;
 }
 
 nvmlReturn_t CheckDevice(nvmlDevice_t device, std::string_view function) {
@@ -96,10 +98,12 @@ __attribute__((visibility("default"))) nvmlReturn_t nvmlInit_v2() {
     const char* devices = std::getenv("KORV_FAKE_NVML_DEVICES");
     const char* failing = std::getenv("KORV_FAKE_NVML_FAIL");
     const char* uuids = std::getenv("KORV_FAKE_NVML_UUIDS");
+    const char* failCode = std::getenv("KORV_FAKE_NVML_FAIL_CODE");
     s.failing = failing != nullptr ? failing : "";
+    s.failCode = failCode != nullptr ? static_cast<nvmlReturn_t>(std::strtol(failCode, nullptr, 10)) : kNotSupported;
     s.uuids = uuids != nullptr ? uuids : "";
     if (devices == nullptr) return kDriverNotLoaded;
-    if (s.failing == "nvmlInit_v2") return kNotSupported;
+    if (s.failing == "nvmlInit_v2") return s.failCode;
     const unsigned long count = std::strtoul(devices, nullptr, 10);
     s.devices = count > kMaxDevices ? kMaxDevices : static_cast<unsigned int>(count);
     s.initialised = true;

@@ -1,5 +1,6 @@
 #include "providers/gpu_collector.h"
 #include "providers/nvml_library.h"
+#include "providers/platform_services.h"
 
 #include "core/telemetry_builder.h"
 #include "tests/providers/gpu_fixture_tree.h"
@@ -9,6 +10,7 @@
 
 #include <cstdlib>
 #include <dlfcn.h>
+#include <link.h>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -40,7 +42,8 @@ CollectContext Tick() {
 class NvmlCollectorTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        for (const char* name : {"KORV_FAKE_NVML_DEVICES", "KORV_FAKE_NVML_FAIL", "KORV_FAKE_NVML_UUIDS"}) {
+        for (const char* name :
+             {"KORV_FAKE_NVML_DEVICES", "KORV_FAKE_NVML_FAIL", "KORV_FAKE_NVML_FAIL_CODE", "KORV_FAKE_NVML_UUIDS"}) {
             ::unsetenv(name);
         }
         fake_ = ::dlopen("libnvidia-ml.so.1", RTLD_NOW);
@@ -88,7 +91,8 @@ TEST_F(NvmlCollectorTest, AFailedInitIsKeptAndNotRetried) {
         GpuStageResult result = collector.Collect(Tick(), rows);
         EXPECT_FALSE(result.nvml.ok);
         EXPECT_EQ(result.nvml.message, "nvmlInit_v2 failed: Driver Not Loaded");
-        EXPECT_EQ(result.nvml.error, 9);
+        EXPECT_EQ(result.nvmlReturn, 9);
+        EXPECT_EQ(result.nvml.error, 0);  // no errno behind it
         EXPECT_FALSE(result.nvmlAnswered);
         ASSERT_EQ(rows.size(), 1u);  // the DRM row stands alone
         EXPECT_EQ(result.capabilitySupport, core::ProviderSupport::degraded);
@@ -129,10 +133,13 @@ TEST_F(NvmlCollectorTest, LoadFailuresInTheSystemsWords) {
     const struct {
         std::vector<std::string> names;
         const char* message;
+        int error;
     } cases[] = {
         {{"libkorv-no-such-library.so.1"},
-         "libnvidia-ml.so(.1) not found on this system's library path -- no NVIDIA driver installed"},
-        {{KORV_FAKE_NVML_INCOMPLETE_LIBRARY}, "libnvidia-ml.so was found but is missing an expected symbol"},
+         "libnvidia-ml.so(.1) not found on this system's library path -- no NVIDIA driver installed",
+         kNvmlLibraryMissing},
+        {{KORV_FAKE_NVML_INCOMPLETE_LIBRARY}, "libnvidia-ml.so was found but is missing an expected symbol",
+         kNvmlSymbolMissing},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.message);
@@ -143,6 +150,8 @@ TEST_F(NvmlCollectorTest, LoadFailuresInTheSystemsWords) {
         const GpuStageResult result = collector.Collect(Tick(), rows);
         EXPECT_FALSE(result.nvml.ok);
         EXPECT_EQ(result.nvml.message, c.message);
+        EXPECT_EQ(result.nvml.error, c.error);
+        EXPECT_EQ(result.nvmlReturn, nvml::NVML_SUCCESS);
         EXPECT_TRUE(rows.empty());
         EXPECT_EQ(result.capabilitySupport, core::ProviderSupport::unsupported);
         EXPECT_EQ(result.capabilityText, "No supported AMD/Intel/NVIDIA DRM sysfs devices");
@@ -161,10 +170,83 @@ TEST_F(NvmlCollectorTest, TheIncompleteLibraryIsNeverInitialised) {
         EXPECT_FALSE(library.Open());
         EXPECT_FALSE(library.Open());  // the outcome stands
         EXPECT_FALSE(library.Initialised());
-        EXPECT_EQ(library.FailureCode(), kNvmlSymbolMissing);
+        EXPECT_EQ(library.FailureErrno(), kNvmlSymbolMissing);
+        EXPECT_EQ(library.FailureReturn(), nvml::NVML_SUCCESS);
     }
     EXPECT_EQ(calls() - before, 0u);
     ::dlclose(incomplete);
+}
+
+// Whether this process has the library file loaded, without loading it.
+bool IsLoaded(const std::filesystem::path& library) {
+    void* handle = ::dlopen(library.c_str(), RTLD_NOW | RTLD_NOLOAD);
+    if (handle == nullptr) return false;
+    ::dlclose(handle);
+    return true;
+}
+
+TEST_F(NvmlCollectorTest, TheLibraryStaysLoadedToDestructionAndIsClosedOnlyAfterAWorkingInit) {
+    link_map* loaded = nullptr;
+    ASSERT_EQ(::dlinfo(fake_, RTLD_DI_LINKMAP, &loaded), 0) << ::dlerror();
+    const std::filesystem::path complete = loaded->l_name;
+    const struct {
+        const char* what;
+        std::filesystem::path library;
+        bool driverLoaded;
+        bool initialised;
+        bool loadedAfterDestruction;
+    } cases[] = {
+        {"working", complete, true, true, false},
+        {"nvmlInit_v2 fails", complete, false, false, true},
+        {"a symbol is missing", KORV_FAKE_NVML_INCOMPLETE_LIBRARY, true, false, true},
+    };
+    int number = 0;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        // A copy under a name of its own is a library of its own, so what this process loaded before
+        // does not count.
+        const std::filesystem::path copy =
+            std::filesystem::path(::testing::TempDir()) /
+            ("korv-nvml-" + std::to_string(::getpid()) + "-" + std::to_string(++number) + "-libnvidia-ml.so.1");
+        std::filesystem::copy_file(c.library, copy, std::filesystem::copy_options::overwrite_existing);
+        if (c.driverLoaded) {
+            ::setenv("KORV_FAKE_NVML_DEVICES", "1", 1);
+        } else {
+            ::unsetenv("KORV_FAKE_NVML_DEVICES");
+        }
+        ASSERT_FALSE(IsLoaded(copy));
+        {
+            NvmlLibrary library({copy.string()});
+            EXPECT_EQ(library.Open(), c.initialised) << library.FailureText();
+            EXPECT_TRUE(library.Loaded());
+            EXPECT_TRUE(IsLoaded(copy));
+        }
+        EXPECT_EQ(IsLoaded(copy), c.loadedAfterDestruction);
+        std::filesystem::remove(copy);
+    }
+}
+
+TEST_F(NvmlCollectorTest, AnNvmlCodeIsNotTakenForAnErrno) {
+    // NVML_ERROR_INVALID_ARGUMENT is 2, the number of ENOENT, which stands for a machine without the
+    // library: a failing driver must not pass for an absent one.
+    ::setenv("KORV_FAKE_NVML_DEVICES", "1", 1);
+    ::setenv("KORV_FAKE_NVML_FAIL", "nvmlInit_v2", 1);
+    ::setenv("KORV_FAKE_NVML_FAIL_CODE", "2", 1);
+    auto services = CreatePlatformServices();
+    core::SampleRequest request;
+    request.sequence = 1;
+    request.intervalNs = 1'000'000'000;
+    auto snapshot = services->SnapshotSource().Collect(request);
+    ASSERT_NE(snapshot, nullptr);
+    const core::ProviderHealthRecord* nvmlRow = nullptr;
+    for (const auto& row : snapshot->providers) {
+        if (row.provider == "linux.gpu.nvml") nvmlRow = &row;
+    }
+    ASSERT_NE(nvmlRow, nullptr);
+    EXPECT_EQ(nvmlRow->diagnostic, "nvmlInit_v2 failed: Invalid Argument");
+    EXPECT_EQ(nvmlRow->state, core::ProviderHealth::unavailable);
+    EXPECT_EQ(nvmlRow->consecutiveFailures, 1u);
+    EXPECT_EQ(nvmlRow->nativeError, 0);
 }
 
 TEST_F(NvmlCollectorTest, LaterNamesAreTriedWhenTheFirstIsMissing) {
@@ -212,9 +294,13 @@ TEST_F(NvmlCollectorTest, DevicesMatchDrmRowsByPciSlotAndTheRestStandAlone) {
     ExpectFrom(g.videoEncodePercent, 5.0, kNvmlSource, "encode");
     EXPECT_EQ(g.videoDecodePercent.availability, MetricAvailability::zero);
     ASSERT_EQ(g.engines.size(), 2u);
+    EXPECT_EQ(g.engines[0].id, "video-encode");
     EXPECT_EQ(g.engines[0].name, "Video encode");
+    EXPECT_EQ(g.engines[0].vendor, "nvidia");
     EXPECT_EQ(g.engines[0].utilizationPercent.value, 5.0);
+    EXPECT_EQ(g.engines[1].id, "video-decode");
     EXPECT_EQ(g.engines[1].name, "Video decode");
+    EXPECT_EQ(g.engines[1].vendor, "nvidia");
     EXPECT_EQ(g.engines[1].utilizationPercent.availability, MetricAvailability::zero);
 
     const core::DeviceSnapshot& lone = rows[1];
@@ -268,7 +354,8 @@ TEST_F(NvmlCollectorTest, AFailingDeviceCountIsReportedEachTick) {
         const GpuStageResult result = collector.Collect(Tick(), rows);
         EXPECT_FALSE(result.nvml.ok);
         EXPECT_EQ(result.nvml.message, "nvmlDeviceGetCount_v2 failed: Not Supported");
-        EXPECT_EQ(result.nvml.error, 3);
+        EXPECT_EQ(result.nvmlReturn, 3);
+        EXPECT_EQ(result.nvml.error, 0);
         EXPECT_FALSE(result.nvmlAnswered);
         EXPECT_TRUE(rows.empty());
     }

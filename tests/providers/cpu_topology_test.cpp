@@ -7,7 +7,9 @@
 
 #include <filesystem>
 #include <fstream>
+#include <optional>
 #include <string>
+#include <vector>
 #include <unistd.h>
 
 namespace korv::providers {
@@ -151,6 +153,39 @@ TEST(ReadCpuTopology, CountsCoresPackagesAndDistinctCaches) {
     EXPECT_FALSE(vm.Find(0)->hasCpufreq);
 
     EXPECT_NE(ReadCpuTopology(kFixtures / "missing").error, 0);
+}
+
+// An offline CPU keeps its cpuN directory but loses topology/: the counts are of the CPUs that tell.
+TEST(CpuCollectorMetadata, OfflineCpusLeaveTheCountsOfTheOthers) {
+    const struct {
+        std::vector<std::string> offline;
+        std::optional<std::uint64_t> cores;
+        std::optional<std::uint64_t> sockets;
+    } cases[] = {
+        {{}, 3, 1},
+        {{"cpu1"}, 3, 1},               // the other thread of core 0 is still there
+        {{"cpu2", "cpu3"}, 1, 1},       // cpu0 and cpu1 are threads of one core
+        {{"cpu0", "cpu1", "cpu2", "cpu3"}, std::nullopt, std::nullopt},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(::testing::PrintToString(c.offline));
+        const std::filesystem::path root =
+            std::filesystem::path(::testing::TempDir()) / ("korv-offline-cpus-" + std::to_string(::getpid()));
+        std::filesystem::remove_all(root);
+        std::filesystem::copy(kFixtures / "hybrid", root, std::filesystem::copy_options::recursive);
+        for (const auto& cpu : c.offline) std::filesystem::remove_all(root / "sys/devices/system/cpu" / cpu / "topology");
+
+        CpuCollector collector({root / "proc", root / "sys", "/nonexistent", "/nonexistent"});
+        core::SystemSnapshot snapshot;
+        collector.FillMetadata(snapshot, Tick(2));
+        std::filesystem::remove_all(root);
+
+        EXPECT_EQ(snapshot.physicalCoreCount.value, c.cores);
+        EXPECT_EQ(snapshot.socketCount.value, c.sockets);
+        const auto expected = c.cores ? MetricAvailability::valid : MetricAvailability::unsupported;
+        EXPECT_EQ(snapshot.physicalCoreCount.availability, expected);
+        EXPECT_EQ(snapshot.socketCount.availability, expected);
+    }
 }
 
 TEST(CpuCollectorMetadata, HybridLaptopFromFixture) {

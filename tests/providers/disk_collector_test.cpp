@@ -172,9 +172,12 @@ TEST_F(DiskCollectorTest, RatesComeFromTheDeltaOfTwoSamples) {
     EXPECT_DOUBLE_EQ(*after.activePercent.value, 25.0);
     EXPECT_DOUBLE_EQ(*after.averageResponseMs.value, 4.0);
     EXPECT_EQ(after.readBytesPerSecond.lastGoodGeneration, 2u);
-    // nvme0n1 did nothing: its rates are true zeros.
+    // nvme0n1 did nothing: its rates are true zeros, and with no request completed there is no
+    // response time to tell.
     EXPECT_EQ(Disk(second, "nvme0n1").writeBytesPerSecond.availability, MetricAvailability::zero);
-    EXPECT_EQ(Disk(second, "nvme0n1").averageResponseMs.availability, MetricAvailability::zero);
+    EXPECT_EQ(Disk(second, "nvme0n1").activePercent.availability, MetricAvailability::zero);
+    EXPECT_EQ(Disk(second, "nvme0n1").averageResponseMs.availability, MetricAvailability::notYetAvailable);
+    EXPECT_FALSE(Disk(second, "nvme0n1").averageResponseMs.value.has_value());
 
     // io_ticks may run ahead of the sampling clock: 3 s busy in 2 s is 100.
     WriteSda(1020, 24100, 450, 2040, 48200, 930, 5000);

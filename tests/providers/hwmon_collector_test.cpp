@@ -296,7 +296,9 @@ TEST_F(SensorTreeTest, TheWholeSensorStageKeepsTheFrameValid) {
     CollectContext context;
     context.generation = 4;
     context.monotonicNs = 1'000'000'000;
-    const auto first = sensors.Collect(context, Hints(), frame, snapshot);
+    SensorStageResult first;
+    sensors.CollectPower(context, frame, snapshot, first);
+    sensors.CollectHwmon(context, Hints(), frame, first);
     EXPECT_TRUE(first.hwmon.ok) << first.hwmon.message;
     EXPECT_TRUE(first.powerSupply.ok) << first.powerSupply.message;
     EXPECT_TRUE(first.powercap.ok) << first.powercap.message;
@@ -311,14 +313,15 @@ TEST_F(SensorTreeTest, TheWholeSensorStageKeepsTheFrameValid) {
     std::ofstream(dir / "sys/class/powercap/intel-rapl:1/energy_uj") << "3000000\n";
     auto next = BaseFrame();
     context.monotonicNs += 1'000'000'000;
-    sensors.Collect(context, Hints(), next, snapshot);
+    SensorStageResult stage;
+    sensors.CollectPower(context, next, snapshot, stage);
     EXPECT_EQ(Value(next, "cpu.package.power_w", "cpu:package:1"), 1.0);
     EXPECT_TRUE(core::IsValid(next));
 
     sensors.ResetBaselines();
     auto afterReset = BaseFrame();
     context.monotonicNs += 1'000'000'000;
-    sensors.Collect(context, Hints(), afterReset, snapshot);
+    sensors.CollectPower(context, afterReset, snapshot, stage);
     EXPECT_EQ(afterReset.Find("cpu.package.power_w", "cpu:package:1"), nullptr);
 }
 

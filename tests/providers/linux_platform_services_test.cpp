@@ -2,12 +2,14 @@
 #include "core/snapshot_coherence.h"
 #include "core/telemetry_frame.h"
 #include "providers/platform_services.h"
+#include "tests/core/temp_folder_test_base.h"
 
 #include <gtest/gtest.h>
 
 #include <condition_variable>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <mutex>
 #include <unistd.h>
 
@@ -128,31 +130,119 @@ TEST(LinuxPlatformServices, StopRequestedReturnsNothing) {
     EXPECT_EQ(services->SnapshotSource().Collect(Request(1, false, stop.get_token())), nullptr);
 }
 
-TEST(LinuxPlatformServices, MissingProcfsIsReportedPerProvider) {
-    const fs::path root = fs::temp_directory_path() / ("korv-empty-proc-" + std::to_string(::getpid()));
-    fs::create_directories(root / "proc");
-    fs::create_directories(root / "sys");
-    ProviderRoots roots;
-    roots.proc = root / "proc";
-    roots.sys = root / "sys";
-    roots.cgroup = root / "cgroup";
-    roots.etc = root / "etc";
-    auto services = CreatePlatformServices(roots);
-    auto snapshot = services->SnapshotSource().Collect(Request(1, true));
-    fs::remove_all(root);
-    ASSERT_NE(snapshot, nullptr);
-    EXPECT_TRUE(core::IsCoherent(*snapshot));
-    EXPECT_TRUE(snapshot->processes.empty());
-
+std::map<std::string, core::ProviderHealthRecord> RowsByProvider(const core::SystemSnapshot& s) {
     std::map<std::string, core::ProviderHealthRecord> rows;
-    for (const auto& row : snapshot->providers) rows[row.provider] = row;
-    ASSERT_TRUE(rows.contains("linux.cpu"));
-    EXPECT_NE(rows["linux.cpu"].state, core::ProviderHealth::healthy);
-    EXPECT_EQ(rows["linux.cpu"].consecutiveFailures, 1u);
-    ASSERT_TRUE(rows.contains("linux.process"));
-    EXPECT_NE(rows["linux.process"].state, core::ProviderHealth::healthy);
-    EXPECT_TRUE(rows.contains("linux.system.unsupported") || rows.contains("linux.system"));
-    EXPECT_EQ(snapshot->memoryTotalBytes.value.has_value(), false);
+    for (const auto& row : s.providers) rows[row.provider] = row;
+    return rows;
+}
+
+// A private copy of tests/fixtures/<name> with the symbolic links its "links" file lists, as sysfs has
+// them; git keeps no links.
+class FixtureMachineTest : public core::TempFolderTest {
+protected:
+    FixtureMachineTest() : TempFolderTest("korv-services") {}
+
+    void CopyFixture(const std::string& name) {
+        const fs::path source = fs::path(KORV_TEST_FIXTURES) / name;
+        fs::copy(source, dir, fs::copy_options::recursive);
+        std::ifstream links(source / "links");
+        std::string link;
+        std::string target;
+        while (links >> link >> target) {
+            fs::create_directories((dir / link).parent_path());
+            fs::create_symlink(target, dir / link);
+        }
+    }
+
+    ProviderRoots Roots() const { return {dir / "proc", dir / "sys", dir / "cgroup", dir / "etc"}; }
+};
+
+TEST_F(FixtureMachineTest, MissingProcfsIsReportedPerProvider) {
+    // Neither /proc/stat nor /proc/meminfo: the machine cannot be measured at all. With meminfo alone
+    // it can be, in part.
+    const struct {
+        const char* meminfo;
+        const char* systemRow;
+        const char* absentRow;
+        const char* diagnostic;
+    } cases[] = {
+        {nullptr, "linux.system.unsupported", "linux.system", "Linux system metrics are unavailable on this platform"},
+        {"MemTotal:       16384000 kB\nMemFree:         8192000 kB\nMemAvailable:   12288000 kB\n", "linux.system",
+         "linux.system.unsupported", "Linux system metrics partially unavailable"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.systemRow);
+        fs::remove_all(dir / "proc");
+        fs::create_directories(dir / "proc");
+        fs::create_directories(dir / "sys");
+        if (c.meminfo != nullptr) std::ofstream(dir / "proc/meminfo") << c.meminfo;
+        auto services = CreatePlatformServices(Roots());
+        auto snapshot = services->SnapshotSource().Collect(Request(1, true));
+        ASSERT_NE(snapshot, nullptr);
+        EXPECT_TRUE(core::IsCoherent(*snapshot));
+        EXPECT_TRUE(snapshot->processes.empty());
+
+        auto rows = RowsByProvider(*snapshot);
+        ASSERT_TRUE(rows.contains("linux.cpu"));
+        EXPECT_NE(rows["linux.cpu"].state, core::ProviderHealth::healthy);
+        EXPECT_EQ(rows["linux.cpu"].consecutiveFailures, 1u);
+        ASSERT_TRUE(rows.contains("linux.process"));
+        EXPECT_NE(rows["linux.process"].state, core::ProviderHealth::healthy);
+        ASSERT_TRUE(rows.contains(c.systemRow));
+        EXPECT_FALSE(rows.contains(c.absentRow));
+        EXPECT_NE(rows[c.systemRow].state, core::ProviderHealth::healthy);
+        EXPECT_EQ(rows[c.systemRow].diagnostic, c.diagnostic);
+        EXPECT_EQ(snapshot->memoryTotalBytes.value.has_value(), c.meminfo != nullptr);
+    }
+}
+
+// An NVMe drive and an amdgpu card, each with its hwmon chip, as sysfs lays them out.
+TEST_F(FixtureMachineTest, HwmonChipsOfDrivesAndGraphicsCardsJoinTheirDevices) {
+    CopyFixture("sensor_owners");
+    auto services = CreatePlatformServices(Roots());
+    auto snapshot = services->SnapshotSource().Collect(Request(1, true));
+    ASSERT_NE(snapshot, nullptr);
+    ASSERT_NE(snapshot->telemetry, nullptr);
+    const core::HardwareTelemetryFrame& frame = *snapshot->telemetry;
+    EXPECT_TRUE(core::IsValid(frame));
+
+    const std::string drive = "storage:linux-block:path:nvme0n1";
+    const std::string card = "gpu:linux-drm-pci:0000:0a:00.0";
+    ASSERT_NE(frame.FindDevice(drive), nullptr);
+    ASSERT_NE(frame.FindDevice(card), nullptr);
+    const struct {
+        const char* id;
+        const std::string& device;
+        double value;
+        core::MetricUnit unit;
+    } expected[] = {
+        {"storage.temperature.composite_c", drive, 38.85, core::MetricUnit::celsius},
+        {"storage.temperature.sensor.1", drive, 45.85, core::MetricUnit::celsius},
+        {"hwmon.amdgpu.fan1", card, 1200.0, core::MetricUnit::rpm},
+        {"hwmon.amdgpu.in0", card, 0.85, core::MetricUnit::volts},
+    };
+    for (const auto& sensor : expected) {
+        const core::TelemetryMetric* metric = frame.Find(sensor.id, sensor.device);
+        ASSERT_NE(metric, nullptr) << sensor.id << " on " << sensor.device;
+        ASSERT_TRUE(metric->numericValue.has_value()) << sensor.id;
+        EXPECT_DOUBLE_EQ(*metric->numericValue, sensor.value) << sensor.id;
+        EXPECT_EQ(metric->unit, sensor.unit) << sensor.id;
+    }
+    EXPECT_EQ(frame.Find("hwmon.amdgpu.in0", card)->displayName, "vddgfx");
+
+    // The card's edge sensor is the GPU stage's main temperature, listed once.
+    std::size_t mainTemperatures = 0;
+    for (const auto& metric : frame.metrics) {
+        mainTemperatures += metric.id == "gpu.temperature.main_c" && metric.deviceId == card;
+        EXPECT_NE(metric.id, "hwmon.nvme.temp1");
+    }
+    EXPECT_EQ(mainTemperatures, 1u);
+    for (const auto& device : frame.devices) EXPECT_FALSE(device.id.starts_with("system/hwmon/")) << device.id;
+
+    auto rows = RowsByProvider(*snapshot);
+    ASSERT_TRUE(rows.contains("linux.hwmon"));
+    EXPECT_EQ(rows["linux.hwmon"].state, core::ProviderHealth::healthy) << rows["linux.hwmon"].diagnostic;
+    EXPECT_EQ(snapshot->capabilities.at("thermal.sensors").support, core::ProviderSupport::supported);
 }
 
 TEST(LinuxPlatformServices, RunsThroughTheEngineWithoutDropsOrRepairs) {
