@@ -193,10 +193,14 @@ public:
 
 // Streaming writer. Every call checks the document state and throws JsonWriterError on misuse;
 // a call that throws leaves the text unchanged. With indent, containers open onto new lines
-// indented by two spaces per level and keys are followed by ": ".
+// indented by two spaces per level and keys are followed by ": ". Keys and strings are always
+// written as UTF-8 that the reader accepts: a byte that is not part of well-formed UTF-8 becomes
+// U+FFFD, or, where a changed text would be worse than none, the call throws "invalid UTF-8 in string".
+enum class InvalidUtf8 { replace, refuse };
+
 class JsonWriter {
 public:
-    explicit JsonWriter(bool indent = false);
+    explicit JsonWriter(bool indent = false, InvalidUtf8 invalidUtf8 = InvalidUtf8::replace);
 
     void BeginObject();
     void EndObject();
@@ -224,10 +228,12 @@ private:
 
     void BeforeValue();
     void NewLine(std::size_t level);
+    void CheckText(std::string_view text) const;
 
     std::string text_;
     std::vector<Frame> frames_;
     bool indent_ = false;
+    InvalidUtf8 invalidUtf8_ = InvalidUtf8::replace;
     bool rootDone_ = false;
 };
 

@@ -2,18 +2,24 @@
 
 #include "core/json_scan.h"
 
+#include <algorithm>
 #include <array>
 #include <charconv>
 #include <cmath>
+#include <cstring>
 #include <system_error>
 
 namespace korv::core {
 namespace {
 
-// Bytes that cannot stand in a JSON string as they are.
+// Bytes that cannot stand in a JSON string as they are, and those that begin a multi-byte sequence,
+// which must be checked.
 constexpr std::array<bool, 256> escapedBytes = [] {
     std::array<bool, 256> table{};
     for (int byte = 0; byte < 0x20; ++byte) {
+        table[static_cast<std::size_t>(byte)] = true;
+    }
+    for (int byte = 0x80; byte < 0x100; ++byte) {
         table[static_cast<std::size_t>(byte)] = true;
     }
     table['"'] = true;
@@ -21,6 +27,18 @@ constexpr std::array<bool, 256> escapedBytes = [] {
     return table;
 }();
 
+// Length of the well-formed UTF-8 sequence at index (lead byte >= 0x80), or 0.
+std::size_t SequenceAt(std::string_view text, std::size_t index) noexcept
+{
+    unsigned char bytes[4] = {};
+    const std::size_t available = std::min<std::size_t>(4, text.size() - index);
+    std::memcpy(bytes, text.data() + index, available);
+    return json_scan::Utf8SequenceLength(bytes);
+}
+
+// Strings reach the writer from the machine (process names, file names) as bytes in no promised
+// encoding; a byte that is not part of well-formed UTF-8 is written as U+FFFD so that the document
+// stays readable by the program's own reader.
 void AppendEscaped(std::string& out, std::string_view text)
 {
     static constexpr char hexDigits[] = "0123456789abcdef";
@@ -29,6 +47,17 @@ void AppendEscaped(std::string& out, std::string_view text)
     for (std::size_t index = 0; index < text.size(); ++index) {
         const auto byte = static_cast<unsigned char>(text[index]);
         if (!escapedBytes[byte]) {
+            continue;
+        }
+        if (byte >= 0x80) {
+            const std::size_t sequence = SequenceAt(text, index);
+            if (sequence != 0) {
+                index += sequence - 1;
+                continue;
+            }
+            out.append(text.data() + runStart, index - runStart);
+            runStart = index + 1;
+            out.append("\xEF\xBF\xBD");
             continue;
         }
         out.append(text.data() + runStart, index - runStart);
@@ -52,9 +81,32 @@ void AppendEscaped(std::string& out, std::string_view text)
     out.push_back('"');
 }
 
+bool IsUtf8(std::string_view text) noexcept
+{
+    for (std::size_t index = 0; index < text.size(); ++index) {
+        if (static_cast<unsigned char>(text[index]) < 0x80) {
+            continue;
+        }
+        const std::size_t sequence = SequenceAt(text, index);
+        if (sequence == 0) {
+            return false;
+        }
+        index += sequence - 1;
+    }
+    return true;
+}
+
 }  // namespace
 
-JsonWriter::JsonWriter(bool indent) : indent_(indent) {}
+JsonWriter::JsonWriter(bool indent, InvalidUtf8 invalidUtf8) : indent_(indent), invalidUtf8_(invalidUtf8) {}
+
+// Runs before a key or string changes anything, so that a refused call leaves the text as it was.
+void JsonWriter::CheckText(std::string_view text) const
+{
+    if (invalidUtf8_ == InvalidUtf8::refuse && !IsUtf8(text)) {
+        throw JsonWriterError("invalid UTF-8 in string");
+    }
+}
 
 void JsonWriter::NewLine(std::size_t level)
 {
@@ -139,6 +191,7 @@ void JsonWriter::Key(std::string_view key)
     if (frames_.empty() || !frames_.back().isObject || frames_.back().keyPending) {
         throw JsonWriterError("JSON key outside object");
     }
+    CheckText(key);
     Frame& frame = frames_.back();
     if (frame.count > 0) {
         text_.push_back(',');
@@ -154,6 +207,7 @@ void JsonWriter::Key(std::string_view key)
 
 void JsonWriter::String(std::string_view value)
 {
+    CheckText(value);
     BeforeValue();
     AppendEscaped(text_, value);
     rootDone_ = rootDone_ || frames_.empty();

@@ -27,6 +27,10 @@ void SaturatingAddTo(std::atomic<std::uint64_t>& counter, std::uint64_t amount) 
     } while (!counter.compare_exchange_weak(current, next, std::memory_order_relaxed));
 }
 
+// The engine whose worker runs on this thread, if any. A sink runs on the worker with the publish
+// lock held, so stop and join called from there must neither take that lock nor wait for the worker.
+thread_local const SamplingEngine* workerOf = nullptr;
+
 std::uint64_t* RepairFields(RepairCounts& counts, std::size_t index) noexcept {
     std::uint64_t* fields[] = {&counts.percentagesClamped,   &counts.metricsMarkedUnavailable,
                                &counts.duplicateRowsDropped, &counts.parentLinksDetached,
@@ -87,9 +91,16 @@ void SamplingEngine::RequestSample() {
     stateChanged_.notify_all();
 }
 
+bool SamplingEngine::OnWorkerThread() const noexcept {
+    return workerOf == this;
+}
+
 void SamplingEngine::RequestStop() {
     {
-        std::lock_guard publishLock(publishMutex_);
+        // On the worker the publish lock is either held by this very thread (inside a sink) or free
+        // of any sink; either way the sink that runs now is the caller, and no other will follow.
+        std::unique_lock<std::mutex> publishLock;
+        if (!OnWorkerThread()) publishLock = std::unique_lock(publishMutex_);
         std::lock_guard stateLock(stateMutex_);
         publishing_ = false;
         stopSource_.request_stop();
@@ -98,10 +109,11 @@ void SamplingEngine::RequestStop() {
 }
 
 void SamplingEngine::Join() {
+    // The worker cannot join itself, nor wait for a joiner who is waiting for it.
+    if (OnWorkerThread()) return;
     std::thread worker;
     {
         std::unique_lock lock(stateMutex_);
-        if (thread_.joinable() && thread_.get_id() == std::this_thread::get_id()) return;
         stateChanged_.wait(lock, [&] { return !joining_; });
         worker = std::move(thread_);
         if (!worker.joinable()) return;
@@ -198,6 +210,7 @@ void SamplingEngine::PublishStats(std::unique_lock<std::mutex>& stateLock, const
 }
 
 void SamplingEngine::Run(std::stop_token stop) {
+    workerOf = this;
     std::unique_lock lock(stateMutex_);
     Clock::time_point deadline = Clock::now();
     Clock::time_point previousStart{};

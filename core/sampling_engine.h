@@ -45,9 +45,10 @@ public:
     void SetCadence(Cadence cadence);
     // One further sample as soon as possible, also while paused (at the 1 s interval).
     void RequestSample();
-    // Once this returns no sink is running or will run.
+    // Once this returns no sink is running or will run. A sink may call it: then the calling sink is
+    // the last.
     void RequestStop();
-    // Waits for the worker to end; does nothing on the worker itself.
+    // Waits for the worker to end; does nothing on the worker itself (a sink may call it).
     void Join();
     void Stop();
 
@@ -67,6 +68,7 @@ private:
         std::atomic<std::uint64_t> repairs[8]{};
     };
 
+    bool OnWorkerThread() const noexcept;
     void Run(std::stop_token stop);
     void RecordDrop(DropReason reason, std::string_view text);
     void AddRepairs(const RepairCounts& counts);

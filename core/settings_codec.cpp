@@ -413,7 +413,8 @@ SettingsEncodeResult EncodeSettings(const Settings& settings)
 {
     SettingsEncodeResult result;
     try {
-        JsonWriter writer(true);
+        // A setting is never saved altered: text that is not UTF-8 is refused, not replaced.
+        JsonWriter writer(true, InvalidUtf8::refuse);
         FieldWriter fields(writer);
         writer.BeginObject();
         VisitSettingsFields(settings, fields);

@@ -6,9 +6,11 @@
 #include <algorithm>
 #include <cmath>
 #include <limits>
+#include <set>
 #include <string>
 #include <string_view>
 #include <unordered_set>
+#include <utility>
 
 namespace korv::core {
 namespace {
@@ -133,6 +135,60 @@ std::uint64_t DropDuplicateRows(std::vector<Record>& records, KeyOf keyOf) {
     const std::uint64_t dropped = records.size() - kept.size();
     records = std::move(kept);
     return dropped;
+}
+
+bool FrameMetricSound(const TelemetryMetric& metric) noexcept {
+    if (metric.numericValue && metric.textValue) return false;
+    const bool hasValue = metric.numericValue.has_value() || metric.textValue.has_value();
+    if (hasValue != CarriesValue(metric.availability)) return false;
+    if (metric.numericValue && !std::isfinite(*metric.numericValue)) return false;
+    if (metric.availability == MetricAvailability::zero) {
+        if (metric.numericValue && *metric.numericValue != 0.0) return false;
+        if (metric.textValue && !metric.textValue->empty()) return false;
+    }
+    return true;
+}
+
+bool PercentOutOfRange(const TelemetryMetric& metric) noexcept {
+    return metric.unit == MetricUnit::percent && metric.numericValue && std::isfinite(*metric.numericValue) &&
+           (*metric.numericValue < 0.0 || *metric.numericValue > 100.0);
+}
+
+bool FrameNeedsRepair(const HardwareTelemetryFrame& frame) {
+    return !IsValid(frame) || std::any_of(frame.metrics.begin(), frame.metrics.end(), PercentOutOfRange);
+}
+
+// The frame gets the same treatment as the snapshot it was built from, so that one bad sensor costs
+// its own reading and not the sample: the first device and metric of each id stay, percentages are
+// clamped, and a metric whose value breaks the rules keeps its row without a value.
+void RepairFrame(HardwareTelemetryFrame& frame, RepairCounts& counts) {
+    std::unordered_set<std::string> deviceIds;
+    counts.duplicateRowsDropped += std::erase_if(frame.devices, [&](const TelemetryDevice& device) {
+        return device.id.empty() || !deviceIds.insert(device.id).second;
+    });
+    std::set<std::pair<std::string, std::string>> metricIds;
+    std::erase_if(frame.metrics, [&](const TelemetryMetric& metric) {
+        if (metric.id.empty() || !deviceIds.contains(metric.deviceId)) {
+            ++counts.metricsMarkedUnavailable;
+            return true;
+        }
+        if (!metricIds.emplace(metric.deviceId, metric.id).second) {
+            ++counts.duplicateRowsDropped;
+            return true;
+        }
+        return false;
+    });
+    for (auto& metric : frame.metrics) {
+        if (PercentOutOfRange(metric)) {
+            metric.numericValue = std::clamp(*metric.numericValue, 0.0, 100.0);
+            ++counts.percentagesClamped;
+        }
+        if (FrameMetricSound(metric)) continue;
+        metric.availability = MetricAvailability::transientError;
+        metric.numericValue.reset();
+        metric.textValue.reset();
+        ++counts.metricsMarkedUnavailable;
+    }
 }
 
 // Shared lists are immutable: a list is copied and replaced only when it needs a repair.
@@ -317,6 +373,12 @@ RepairCounts RepairSnapshot(SystemSnapshot& s) {
     if (!s.logicalProcessors.empty() && s.logicalProcessorCount != s.logicalProcessors.size()) {
         s.logicalProcessorCount = static_cast<std::uint32_t>(s.logicalProcessors.size());
         ++counts.processorCountsCorrected;
+    }
+
+    if (s.telemetry && FrameNeedsRepair(*s.telemetry)) {
+        auto frame = std::make_shared<HardwareTelemetryFrame>(*s.telemetry);
+        RepairFrame(*frame, counts);
+        s.telemetry = std::move(frame);
     }
     return counts;
 }

@@ -33,7 +33,10 @@ bool IsCoherent(const SystemSnapshot& snapshot);
 // Repairs what can be repaired, in a fixed order, and counts each change: duplicate rows dropped
 // (the first of each key stays), percentages clamped, broken metrics marked unavailable, dangling
 // parent, session and service links detached, exited entries that are alive dropped, and the logical
-// processor count set from its list. Shared lists are copied only when they need a change.
+// processor count set from its list. The telemetry frame, built from the snapshot before these
+// repairs, is repaired by the same rules afterwards: duplicate devices and metrics dropped,
+// percentages clamped, broken metrics marked unavailable. Shared lists and the frame are copied only
+// when they need a change.
 RepairCounts RepairSnapshot(SystemSnapshot& snapshot);
 
 }  // namespace korv::core

@@ -1,6 +1,7 @@
 #include "core/telemetry_builder.h"
 
 #include <algorithm>
+#include <set>
 #include <string>
 
 namespace korv::core {
@@ -33,11 +34,12 @@ public:
         return frame_.devices.back();
     }
 
+    // The added metric, or null when the platform has no such value at all.
     template <typename T>
-    void Add(std::string_view deviceId, const Entry& entry, const Metric<T>& metric, std::string id = {}) {
+    TelemetryMetric* Add(std::string_view deviceId, const Entry& entry, const Metric<T>& metric, std::string id = {}) {
         if (metric.availability == MetricAvailability::unsupported ||
             metric.availability == MetricAvailability::notApplicable) {
-            return;
+            return nullptr;
         }
         TelemetryMetric out;
         out.id = id.empty() ? std::string(entry.id) : std::move(id);
@@ -61,6 +63,7 @@ public:
             out.availability = MetricAvailability::transientError;
         }
         frame_.metrics.push_back(std::move(out));
+        return &frame_.metrics.back();
     }
 
     void AddDerived(std::string_view deviceId, const Entry& entry, std::optional<double> value, std::string_view source) {
@@ -196,8 +199,9 @@ constexpr Entry kNpuEnergy{"npu.interval_energy_j", "Interval energy", MetricCat
                            MetricKind::derivedRate};
 
 // Engine ids become "accelerator.engine.<name>.utilization_pct" with the name in lower case and
-// anything but letters and digits turned into "_".
-std::string EngineMetricId(std::string_view name) {
+// anything but letters and digits turned into "_". Names that come out alike ("Video Enhance" and
+// "video-enhance") are told apart by "_2", "_3" and so on, in the order the device lists them.
+std::string EngineMetricId(std::string_view name, std::size_t ordinal) {
     std::string id = "accelerator.engine.";
     for (char c : name) {
         if (c >= 'A' && c <= 'Z') {
@@ -208,13 +212,17 @@ std::string EngineMetricId(std::string_view name) {
             id += '_';
         }
     }
+    if (ordinal > 1) id += "_" + std::to_string(ordinal);
     id += ".utilization_pct";
     return id;
 }
 
 void AddEngines(FrameBuilder& builder, std::string_view deviceId, const std::vector<EngineUtilization>& engines) {
+    std::set<std::string> taken;
     for (const auto& engine : engines) {
-        builder.Add(deviceId, kEngine, engine.utilizationPercent, EngineMetricId(engine.name));
+        std::string id = EngineMetricId(engine.name, 1);
+        for (std::size_t ordinal = 2; !taken.insert(id).second; ++ordinal) id = EngineMetricId(engine.name, ordinal);
+        builder.Add(deviceId, kEngine, engine.utilizationPercent, std::move(id));
     }
 }
 
@@ -396,6 +404,31 @@ HardwareTelemetryFrame BuildTelemetryFrame(const SystemSnapshot& s) {
         builder.Add(id, kDiskResponse, d.averageResponseMs);
     }
     return frame;
+}
+
+void AddVolumeTelemetry(HardwareTelemetryFrame& frame, const std::vector<VolumeUsage>& volumes) {
+    static constexpr Entry kVolumeUsed{"volume.used_pct", "Used space", MetricCategory::levels, MetricUnit::percent};
+    FrameBuilder builder(frame);
+    for (const auto& volume : volumes) {
+        const std::string id = "volume:" + volume.id;
+        if (frame.FindDevice(id) != nullptr) continue;
+        TelemetryDevice& device = builder.Device(id, TelemetryDeviceKind::volume, volume.displayName);
+        device.properties.emplace_back("mountPoint", volume.displayName);
+        if (TelemetryMetric* used = builder.Add(id, kVolumeUsed, volume.usedPercent)) used->sourceName = "Mounted volume";
+    }
+}
+
+void TelemetryAppearance::Stamp(HardwareTelemetryFrame& frame) {
+    std::vector<std::string> ids;
+    ids.reserve(frame.devices.size());
+    for (const auto& device : frame.devices) ids.push_back(device.id);
+    std::sort(ids.begin(), ids.end());
+    if (count_ == 0 || ids != previousIds_) {
+        ++count_;
+        previousIds_ = std::move(ids);
+    }
+    const std::string text = ":appearance:" + std::to_string(count_);
+    for (auto& device : frame.devices) device.appearanceGeneration = text;
 }
 
 TelemetrySummary SummarizeTelemetry(const HardwareTelemetryFrame& frame) {

@@ -82,10 +82,10 @@ void MergeTelemetryFrame(HardwareTelemetryFrame& into, HardwareTelemetryFrame fr
             into.devices.push_back(std::move(device));
             continue;
         }
-        for (auto& [name, value] : device.properties) {
+        for (auto& property : device.properties) {
             const bool known = std::any_of(existing->properties.begin(), existing->properties.end(),
-                                           [&](const auto& property) { return property.first == name; });
-            if (!known) existing->properties.emplace_back(std::move(name), std::move(value));
+                                           [&](const auto& held) { return held.first == property.first; });
+            if (!known) existing->properties.push_back(std::move(property));
         }
     }
     std::set<std::pair<std::string, std::string>> present;

@@ -226,6 +226,65 @@ TEST(JsonRoundTrip, StringsWithEveryControlCharacterAndNonAscii)
     EXPECT_EQ(parsed.value->Members()[0].Value().At(0).AsString(), text);
 }
 
+TEST(JsonRoundTrip, BytesThatAreNotUtf8BecomeReplacementCharactersTheReaderAccepts)
+{
+    const std::string replacement = "\xEF\xBF\xBD";
+    struct Case {
+        const char* name;
+        std::string bytes;
+        std::string readBack;
+    };
+    const Case cases[] = {
+        {"lone continuation byte", "a\x80z", "a" + replacement + "z"},
+        {"Latin-1 name", "j\xF6rg", "j" + replacement + "rg"},
+        {"cut-off sequence at the end", "caf\xC3", "caf" + replacement},
+        {"cut-off three-byte sequence", "\xE2\x82", replacement + replacement},
+        {"overlong slash", "\xC0\xAF", replacement + replacement},
+        {"UTF-16 surrogate", "\xED\xA0\x80", replacement + replacement + replacement},
+        {"above U+10FFFF", "\xF4\x90\x80\x80", replacement + replacement + replacement + replacement},
+        {"0xFF byte", "\xFF", replacement},
+        {"valid text around a bad byte", "\xC3\xA9\xFE\xF0\x9F\x98\x80", "\xC3\xA9" + replacement + "\xF0\x9F\x98\x80"},
+    };
+    for (const Case& c : cases) {
+        JsonWriter writer;
+        writer.BeginObject();
+        writer.Key(c.bytes);
+        writer.String(c.bytes);
+        writer.EndObject();
+        const std::string document = writer.Finish();
+        const JsonParseResult parsed = ParseJson(document, JsonLimits::Default());
+        ASSERT_TRUE(parsed.Ok()) << c.name << ": " << parsed.error.message;
+        EXPECT_EQ(parsed.value->Members()[0].Key(), c.readBack) << c.name;
+        EXPECT_EQ(parsed.value->Members()[0].Value().AsString(), c.readBack) << c.name;
+    }
+}
+
+TEST(JsonWriter, RefusingWriterThrowsOnTextThatIsNotUtf8AndStaysUsable)
+{
+    JsonWriter writer(false, InvalidUtf8::refuse);
+    writer.BeginObject();
+    writer.Key("name");
+    writer.String("caf\xC3\xA9");
+    for (const std::string& bad : {"caf\xE9"s, "\xC3"s, "\xED\xA0\x80"s}) {
+        try {
+            writer.Key(bad);
+            ADD_FAILURE() << "key accepted";
+        } catch (const JsonWriterError& error) {
+            EXPECT_STREQ(error.what(), "invalid UTF-8 in string");
+        }
+    }
+    writer.Key("other");
+    try {
+        writer.String("j\xF6rg");
+        ADD_FAILURE() << "string accepted";
+    } catch (const JsonWriterError& error) {
+        EXPECT_STREQ(error.what(), "invalid UTF-8 in string");
+    }
+    writer.String("ok");
+    writer.EndObject();
+    EXPECT_EQ(writer.Finish(), "{\"name\":\"caf\xC3\xA9\",\"other\":\"ok\"}");
+}
+
 TEST(JsonRoundTrip, SerializeKeepsNumberTextAndOrder)
 {
     const std::string compact =

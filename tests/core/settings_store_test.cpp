@@ -527,7 +527,8 @@ TEST_F(SettingsStoreTest, RecordThatWouldNotLoadAgainIsNotSaved)
         {[](Settings& s) { s.extensionJson["x"] = "{"; }, "x does not hold valid JSON: unexpected end of JSON"},
         {[](Settings& s) { s.extensionJson["x"] = R"(1, "theme": 2)"; },
          "x does not hold valid JSON: unexpected data after JSON value"},
-        {[](Settings& s) { s.applicationFont = "\xff"; }, "settings would not load again: invalid UTF-8 in string"},
+        {[](Settings& s) { s.applicationFont = "\xff"; }, "invalid UTF-8 in string"},
+        {[](Settings& s) { s.extensionStrings["caf\xe9"] = "x"; }, "invalid UTF-8 in string"},
         {[](Settings& s) { s.extensionStrings["huge"] = std::string(1048576, 'h'); },
          "settings file exceeds size limit"},
     };

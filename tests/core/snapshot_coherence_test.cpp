@@ -9,6 +9,7 @@
 #include <functional>
 #include <limits>
 #include <memory>
+#include <optional>
 #include <ostream>
 #include <random>
 #include <set>
@@ -224,7 +225,13 @@ const CoherenceCase kCoherenceCases[] = {
     {"BrokenDeviceMetric", [](S& s) { s.devices[0].network.mtu = WithState<std::uint64_t>(MA::valid, 1500, 99); },
      false},
     {"BrokenGpuEngineMetric",
-     [](S& s) { s.devices[0].gpu.engines.push_back({"3D", WithState<double>(MA::transientError, 4.0)}); }, false},
+     [](S& s) {
+         EngineUtilization engine;
+         engine.name = "3D";
+         engine.utilizationPercent = WithState<double>(MA::transientError, 4.0);
+         s.devices[0].gpu.engines.push_back(engine);
+     },
+     false},
     {"BrokenServiceMetric",
      [](S& s) {
          EditServices(s, [](auto& rows) { rows[1].mainPid = WithState<std::uint64_t>(MA::accessDenied, 12); });
@@ -432,6 +439,110 @@ TEST(SnapshotRepairTest, LogicalProcessorCountFollowsANonEmptyList) {
     s.logicalProcessorCount = 8;
     ExpectCounts(RepairSnapshot(s), {});
     EXPECT_EQ(s.logicalProcessorCount, 8u);
+}
+
+// The frame as a provider builds it: a second device with a percentage and a text reading beside
+// the package's busy figure.
+SystemSnapshot CoherentWithSensors() {
+    SystemSnapshot s = Coherent();
+    EditTelemetry(s, [](HardwareTelemetryFrame& frame) {
+        frame.metrics[0].unit = MetricUnit::percent;
+        TelemetryDevice disk;
+        disk.id = "storage:sda";
+        frame.devices.push_back(disk);
+        TelemetryMetric activity;
+        activity.id = "storage.activity_pct";
+        activity.deviceId = "storage:sda";
+        activity.unit = MetricUnit::percent;
+        activity.availability = MA::valid;
+        activity.numericValue = 12.0;
+        frame.metrics.push_back(activity);
+        TelemetryMetric model;
+        model.id = "storage.model";
+        model.deviceId = "storage:sda";
+        model.availability = MA::valid;
+        model.textValue = "Disk";
+        frame.metrics.push_back(model);
+    });
+    return s;
+}
+
+struct FrameRepairCase {
+    const char* name;
+    std::function<void(HardwareTelemetryFrame&)> fault;
+    RepairCounts counts;
+    // What the storage activity reading is after the repair; the package's busy figure and the
+    // model text must come through unchanged in every case.
+    MetricAvailability activityAvailability;
+    std::optional<double> activityValue;
+};
+
+TEST(SnapshotRepairTest, TelemetryFrameFaultsCostOnlyTheirOwnReading) {
+    const auto activity = [](HardwareTelemetryFrame& frame) -> TelemetryMetric& { return frame.metrics[1]; };
+    const FrameRepairCase cases[] = {
+        {"NaN", [&](auto& f) { activity(f).numericValue = kNaN; }, Only(&RepairCounts::metricsMarkedUnavailable, 1),
+         MA::transientError, std::nullopt},
+        {"infinity", [&](auto& f) { activity(f).numericValue = kInf; },
+         Only(&RepairCounts::metricsMarkedUnavailable, 1), MA::transientError, std::nullopt},
+        {"percentage above 100", [&](auto& f) { activity(f).numericValue = 150.0; },
+         Only(&RepairCounts::percentagesClamped, 1), MA::valid, 100.0},
+        {"negative percentage", [&](auto& f) { activity(f).numericValue = -3.0; },
+         Only(&RepairCounts::percentagesClamped, 1), MA::valid, 0.0},
+        {"value beside access denied", [&](auto& f) { activity(f).availability = MA::accessDenied; },
+         Only(&RepairCounts::metricsMarkedUnavailable, 1), MA::transientError, std::nullopt},
+        {"zero state with a value", [&](auto& f) { activity(f).availability = MA::zero; },
+         Only(&RepairCounts::metricsMarkedUnavailable, 1), MA::transientError, std::nullopt},
+        {"number and text", [&](auto& f) { activity(f).textValue = "12"; },
+         Only(&RepairCounts::metricsMarkedUnavailable, 1), MA::transientError, std::nullopt},
+        {"second reading under the same id",
+         [&](auto& f) {
+             TelemetryMetric twin = activity(f);
+             twin.numericValue = 99.0;
+             f.metrics.push_back(twin);
+         },
+         Only(&RepairCounts::duplicateRowsDropped, 1), MA::valid, 12.0},
+        {"device listed twice", [](auto& f) { f.devices.push_back(f.devices[1]); },
+         Only(&RepairCounts::duplicateRowsDropped, 1), MA::valid, 12.0},
+        {"reading on an unlisted device",
+         [&](auto& f) {
+             TelemetryMetric stray = activity(f);
+             stray.deviceId = "storage:sdz";
+             f.metrics.push_back(stray);
+         },
+         Only(&RepairCounts::metricsMarkedUnavailable, 1), MA::valid, 12.0},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        SystemSnapshot s = CoherentWithSensors();
+        ASSERT_TRUE(IsCoherent(s));
+        EditTelemetry(s, c.fault);
+        const HardwareTelemetryFrame* broken = s.telemetry.get();
+        ExpectCounts(RepairSnapshot(s), c.counts);
+        ASSERT_TRUE(IsCoherent(s));
+        ASSERT_NE(s.telemetry.get(), broken);  // the published frame is never written in place
+        const HardwareTelemetryFrame& frame = *s.telemetry;
+        ASSERT_EQ(frame.devices.size(), 2u);
+        ASSERT_EQ(frame.metrics.size(), 3u);
+        const TelemetryMetric* busy = frame.Find("cpu.package.utilization.busy_pct");
+        ASSERT_NE(busy, nullptr);
+        EXPECT_EQ(busy->numericValue, 50.0);
+        const TelemetryMetric* model = frame.Find("storage.model");
+        ASSERT_NE(model, nullptr);
+        EXPECT_EQ(model->textValue, "Disk");
+        const TelemetryMetric* repaired = frame.Find("storage.activity_pct", "storage:sda");
+        ASSERT_NE(repaired, nullptr);
+        EXPECT_EQ(repaired->availability, c.activityAvailability);
+        EXPECT_EQ(repaired->numericValue, c.activityValue);
+        EXPECT_FALSE(repaired->textValue.has_value());
+        ExpectCounts(RepairSnapshot(s), {});
+    }
+}
+
+TEST(SnapshotRepairTest, SoundTelemetryFrameKeepsItsPointer) {
+    SystemSnapshot s = CoherentWithSensors();
+    const auto frame = s.telemetry;
+    ExpectCounts(RepairSnapshot(s), {});
+    EXPECT_EQ(s.telemetry, frame);
 }
 
 // Random repairable faults on random snapshots: after the repair every one must pass.

@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <utility>
+#include <vector>
 
 namespace korv::core {
 namespace {
@@ -119,6 +121,91 @@ TEST(TelemetryBuilder, EnginesGetStableIds) {
     const auto* metric = frame.Find("accelerator.engine.video_decode_0.utilization_pct", "gpu:card0");
     ASSERT_NE(metric, nullptr);
     EXPECT_EQ(metric->displayName, "Accelerator engine");
+}
+
+TEST(TelemetryBuilder, EngineNamesThatComeOutAlikeKeepTheirOwnReadings) {
+    SystemSnapshot s = BaseSnapshot();
+    DeviceSnapshot gpu;
+    gpu.kind = DeviceKind::gpu;
+    gpu.id = "card0";
+    gpu.displayName = "GPU 0";
+    const std::pair<const char*, double> engines[] = {
+        {"Video Enhance", 10.0}, {"video-enhance", 20.0}, {"VIDEO_ENHANCE", 30.0}, {"video_enhance_2", 40.0}};
+    for (const auto& [name, busy] : engines) {
+        EngineUtilization engine;
+        engine.name = name;
+        engine.utilizationPercent.Set(busy, 9);
+        gpu.gpu.engines.push_back(engine);
+    }
+    s.devices.push_back(gpu);
+    const HardwareTelemetryFrame frame = BuildTelemetryFrame(s);
+    EXPECT_TRUE(IsValid(frame));
+    const std::pair<const char*, double> expected[] = {
+        {"accelerator.engine.video_enhance.utilization_pct", 10.0},
+        {"accelerator.engine.video_enhance_2.utilization_pct", 20.0},
+        {"accelerator.engine.video_enhance_3.utilization_pct", 30.0},
+        {"accelerator.engine.video_enhance_2_2.utilization_pct", 40.0},
+    };
+    for (const auto& [id, busy] : expected) {
+        const TelemetryMetric* metric = frame.Find(id, "gpu:card0");
+        ASSERT_NE(metric, nullptr) << id;
+        EXPECT_EQ(metric->numericValue, busy) << id;
+    }
+}
+
+TEST(TelemetryBuilder, VolumesCarryTheirUsedSpace) {
+    HardwareTelemetryFrame frame = BuildTelemetryFrame(BaseSnapshot());
+    std::vector<VolumeUsage> volumes(3);
+    volumes[0].id = "/dev/sda2";
+    volumes[0].displayName = "/";
+    volumes[0].usedPercent.Set(41.5, 9);
+    volumes[1].id = "/dev/sdb1";
+    volumes[1].displayName = "/srv";
+    volumes[1].usedPercent.MarkMissing(MetricAvailability::accessDenied);
+    volumes[2] = volumes[0];  // the same file system mounted a second time
+    volumes[2].displayName = "/mnt/again";
+    AddVolumeTelemetry(frame, volumes);
+    EXPECT_TRUE(IsValid(frame));
+
+    const TelemetryDevice* root = frame.FindDevice("volume:/dev/sda2");
+    ASSERT_NE(root, nullptr);
+    EXPECT_EQ(root->kind, TelemetryDeviceKind::volume);
+    EXPECT_EQ(root->displayName, "/");
+    const TelemetryMetric* used = frame.Find("volume.used_pct", "volume:/dev/sda2");
+    ASSERT_NE(used, nullptr);
+    EXPECT_EQ(used->displayName, "Used space");
+    EXPECT_EQ(used->sourceName, "Mounted volume");
+    EXPECT_EQ(used->unit, MetricUnit::percent);
+    EXPECT_EQ(used->numericValue, 41.5);
+
+    const TelemetryMetric* denied = frame.Find("volume.used_pct", "volume:/dev/sdb1");
+    ASSERT_NE(denied, nullptr);
+    EXPECT_EQ(denied->availability, MetricAvailability::accessDenied);
+    EXPECT_FALSE(denied->numericValue.has_value());
+    EXPECT_EQ(std::count_if(frame.devices.begin(), frame.devices.end(),
+                            [](const TelemetryDevice& d) { return d.kind == TelemetryDeviceKind::volume; }),
+              2);
+}
+
+TEST(TelemetryBuilder, AppearanceGenerationMovesOnlyWhenTheDeviceSetChanges) {
+    TelemetryAppearance appearance;
+    const auto stamped = [&](const SystemSnapshot& s) {
+        HardwareTelemetryFrame frame = BuildTelemetryFrame(s);
+        appearance.Stamp(frame);
+        for (const auto& device : frame.devices) {
+            EXPECT_EQ(device.appearanceGeneration, frame.devices.front().appearanceGeneration) << device.id;
+        }
+        return frame.devices.front().appearanceGeneration;
+    };
+    SystemSnapshot s = BaseSnapshot();
+    EXPECT_EQ(stamped(s), ":appearance:1");
+    s.cpuUtilization.Set(90.0, 10);
+    EXPECT_EQ(stamped(s), ":appearance:1");
+    s.devices.push_back(Interface("eth0", 1.0, 2.0));
+    EXPECT_EQ(stamped(s), ":appearance:2");
+    EXPECT_EQ(stamped(s), ":appearance:2");
+    s.devices.clear();
+    EXPECT_EQ(stamped(s), ":appearance:3");
 }
 
 TEST(TelemetryBuilder, GpuIdentityAndVendorProvenance) {

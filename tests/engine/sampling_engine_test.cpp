@@ -1,4 +1,5 @@
 #include "core/sampling_engine.h"
+#include "core/telemetry_builder.h"
 
 #include <gtest/gtest.h>
 
@@ -7,6 +8,9 @@
 #include <condition_variable>
 #include <functional>
 #include <future>
+#include <limits>
+#include <stop_token>
+#include <string>
 #include <mutex>
 #include <stdexcept>
 #include <thread>
@@ -283,6 +287,63 @@ TEST(SamplingEngine, RepairedSnapshotIsPublishedClampedAndCounted) {
     ASSERT_EQ(recorder.Stats().size(), 1u);
 }
 
+// A snapshot whose telemetry frame was built before any repair, as the provider builds it: one
+// percentage reading of 150 and one reading of NaN among sound ones.
+std::shared_ptr<SystemSnapshot> SnapshotWithBadReadings(const SampleRequest& request) {
+    auto snapshot = GoodSnapshot(request);
+    snapshot->cpuUtilization.Set(150.0, request.sequence);
+    snapshot->memoryPressurePercent.Set(std::numeric_limits<double>::quiet_NaN(), request.sequence);
+    snapshot->memoryTotalBytes.Set(8ULL << 30, request.sequence);
+    DeviceSnapshot gpu;
+    gpu.kind = DeviceKind::gpu;
+    gpu.id = "card0";
+    gpu.displayName = "GPU 0";
+    for (const char* name : {"Video Enhance", "video-enhance"}) {
+        EngineUtilization engine;
+        engine.name = name;
+        engine.utilizationPercent.Set(25.0, request.sequence);
+        gpu.gpu.engines.push_back(engine);
+    }
+    snapshot->devices.push_back(gpu);
+    snapshot->telemetry = std::make_shared<const HardwareTelemetryFrame>(BuildTelemetryFrame(*snapshot));
+    return snapshot;
+}
+
+TEST(SamplingEngine, BadTelemetryReadingsCostOnlyThoseReadings) {
+    ScriptedSource source(SnapshotWithBadReadings);
+    Recorder recorder;
+    SamplingEngine engine(source, recorder.Sink(), Cadence::high);
+    engine.Start();
+    ASSERT_TRUE(recorder.WaitFor(2));
+    engine.Stop();
+
+    EXPECT_EQ(engine.Stats().incoherentSnapshots, 0u);
+    for (const auto& snapshot : recorder.Snapshots()) {
+        ASSERT_NE(snapshot->telemetry, nullptr);
+        const HardwareTelemetryFrame& frame = *snapshot->telemetry;
+        const TelemetryMetric* busy = frame.Find("cpu.package.utilization.busy_pct");
+        ASSERT_NE(busy, nullptr);
+        EXPECT_EQ(busy->availability, MetricAvailability::valid);
+        EXPECT_EQ(busy->numericValue, 100.0);
+        EXPECT_EQ(snapshot->cpuUtilization.value, 100.0);
+
+        const TelemetryMetric* pressure = frame.Find("memory.pressure_pct");
+        ASSERT_NE(pressure, nullptr);
+        EXPECT_FALSE(CarriesValue(pressure->availability));
+        EXPECT_FALSE(pressure->numericValue.has_value());
+        EXPECT_FALSE(snapshot->memoryPressurePercent.value.has_value());
+
+        const TelemetryMetric* total = frame.Find("memory.physical.total_bytes");
+        ASSERT_NE(total, nullptr);
+        EXPECT_EQ(total->numericValue, static_cast<double>(8ULL << 30));
+        const TelemetryMetric* enhance = frame.Find("accelerator.engine.video_enhance.utilization_pct", "gpu:card0");
+        const TelemetryMetric* second = frame.Find("accelerator.engine.video_enhance_2.utilization_pct", "gpu:card0");
+        ASSERT_NE(enhance, nullptr);
+        ASSERT_NE(second, nullptr);
+        EXPECT_EQ(second->numericValue, 25.0);
+    }
+}
+
 TEST(SamplingEngine, ProviderRowNamedLikeTheEngineIsKept) {
     ScriptedSource source([](const SampleRequest& request) {
         auto snapshot = GoodSnapshot(request);
@@ -490,6 +551,111 @@ TEST(SamplingEngine, JoinFromTheWorkerThreadDoesNothing) {
     ASSERT_TRUE(source.WaitForRequests(3));
     engine.Stop();
     EXPECT_GE(calls.load(), 2);
+}
+
+// Runs body on a thread of its own and tells whether it ended within a few seconds. A body that
+// hangs is left behind with whatever it holds, so that the suite reports a failure instead of hanging.
+bool EndsWithin(std::chrono::seconds limit, std::function<void()> body) {
+    auto done = std::make_shared<std::promise<void>>();
+    std::future<void> ended = done->get_future();
+    std::thread([done, body = std::move(body)] {
+        body();
+        done->set_value();
+    }).detach();
+    return ended.wait_for(limit) == std::future_status::ready;
+}
+
+// What a sink does to its own engine, from the snapshot sink or from the stats sink.
+struct SinkStopCase {
+    const char* name;
+    bool fromStatsSink;
+};
+
+void PrintTo(const SinkStopCase& c, std::ostream* out) { *out << c.name; }
+
+class SamplingEngineSinkStop : public ::testing::TestWithParam<SinkStopCase> {};
+
+TEST_P(SamplingEngineSinkStop, SinkThatRequestsStopEndsTheEngine) {
+    const bool fromStats = GetParam().fromStatsSink;
+    // Left to leak if the engine hangs; see EndsWithin.
+    auto* source = new ScriptedSource([fromStats](const SampleRequest& request) -> std::shared_ptr<SystemSnapshot> {
+        return fromStats ? nullptr : GoodSnapshot(request);
+    });
+    auto* calls = new std::atomic<int>(0);
+    auto* engine = new SamplingEngine*(nullptr);
+    const auto stopFromSink = [calls, engine] {
+        ++*calls;
+        (*engine)->RequestStop();
+    };
+    auto* owned = new SamplingEngine(
+        *source, [stopFromSink](std::shared_ptr<const SystemSnapshot>) { stopFromSink(); }, Cadence::high,
+        [stopFromSink, fromStats](const EngineStats&) {
+            if (fromStats) stopFromSink();
+        });
+    *engine = owned;
+    owned->Start();
+    const bool ended = EndsWithin(5s, [owned, calls] {
+        while (calls->load() == 0) std::this_thread::sleep_for(1ms);
+        owned->Join();
+    });
+    if (!ended) {
+        FAIL() << "the engine deadlocked when its sink asked it to stop";
+    }
+    EXPECT_EQ(calls->load(), 1);
+    delete owned;
+    delete engine;
+    delete calls;
+    delete source;
+}
+
+INSTANTIATE_TEST_SUITE_P(Sinks, SamplingEngineSinkStop,
+                         ::testing::Values(SinkStopCase{"SnapshotSink", false}, SinkStopCase{"StatsSink", true}),
+                         [](const auto& param) { return std::string(param.param.name); });
+
+TEST(SamplingEngine, JoinFromTheWorkerWhileAnotherThreadJoinsReturns) {
+    // Left to leak if the engine hangs; see EndsWithin.
+    auto* firstToken = new std::promise<std::stop_token>();
+    auto* requests = new std::atomic<int>(0);
+    auto* source = new ScriptedSource([firstToken, requests](const SampleRequest& request) {
+        if (++*requests == 1) firstToken->set_value(request.stopState);
+        return GoodSnapshot(request);
+    });
+    auto* gate = new Gate();
+    auto* engine = new SamplingEngine*(nullptr);
+    auto* owned = new SamplingEngine(
+        *source,
+        [gate, engine](std::shared_ptr<const SystemSnapshot>) {
+            gate->Enter();
+            (*engine)->Join();
+        },
+        Cadence::high);
+    *engine = owned;
+    owned->Start();
+    const std::stop_token token = firstToken->get_future().get();
+    ASSERT_TRUE(gate->WaitEntered());
+
+    // The joiner requests stop once it has taken the thread; then the sink joins too.
+    auto* joined = new std::atomic<bool>(false);
+    const bool ended = EndsWithin(5s, [owned, gate, token, joined] {
+        std::thread joiner([owned, joined] {
+            owned->Join();
+            *joined = true;
+        });
+        while (!token.stop_requested()) std::this_thread::sleep_for(1ms);
+        gate->Open();
+        joiner.join();
+    });
+    if (!ended) {
+        FAIL() << "the worker's Join waited for the thread that was joining it";
+    }
+    EXPECT_TRUE(joined->load());
+    delete owned;
+    delete joined;
+    delete engine;
+    delete gate;
+    delete source;
+    delete requests;
+    delete firstToken;
 }
 
 TEST(SamplingEngine, StopInterruptsASlowCollectThroughTheStopState) {
