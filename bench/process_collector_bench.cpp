@@ -1,17 +1,16 @@
 // The process collector against the same reads done bare and against top, side by side, on a table
 // of sleeping processes that the benchmark starts and ends itself. All figures are CPU time per
 // listed process, in microseconds:
-//   ours            a steady Refresh 0.25 s after the previous one: of a quiet process only stat and io
-//                   are read
-//   ours_recount    a Refresh 1.5 s after the previous one, which also reads again the descriptor
-//                   counts, executables and status of the processes whose 5 s turn has come
+//   ours            a steady Refresh 0.25 s after the previous one: stat, cgroup, io and status of every
+//                   process, the descriptor counts reused
+//   ours_recount    a Refresh 1.5 s after the previous one, which also lists the descriptors again
 //   openclose*      the same two ticks with no kept descriptors: every file opened, read and closed
 //   bare            opendir /proc, then per pid: open its directory; open, read, close stat, status,
 //                   io, cgroup; list fd; read stat again
 //   top             `top -b -n 1`, user and system time of the child from wait4
 // allocs_per_tick counts what a steady Refresh allocates beyond the rows it returns.
-// BM_QuietTicks runs ten Refreshes at a 1 s cadence over sleeping processes, so that every periodic
-// re-read of a quiet process falls inside, and reports their average beside the bare full read.
+// BM_QuietTicks runs ten Refreshes at a 1 s cadence over sleeping processes, where every tick lists
+// the descriptors again, and reports their average beside the bare full read.
 #include "providers/process_collector.h"
 
 #include <benchmark/benchmark.h>
@@ -229,7 +228,7 @@ void BM_ProcessTable(benchmark::State& state) {
     double processes = 0, beyondRows = 0, rowAllocations = 0, kernelKept = 0;
     bool topMissing = false;
     for (auto _ : state) {
-        advance(1'500'000'000);  // some descriptor counts and status copies are due
+        advance(1'500'000'000);  // the descriptor counts are due
         TickCost recount = MeasuredRefresh(kept, ctx, rows);
         oursRecount += recount.cpuMicros / static_cast<double>(recount.rows);
         recount = MeasuredRefresh(openClose, ctx, rows);

@@ -32,6 +32,7 @@ struct ProcessSnapshot {
     ProcessKey parentKey;
     std::string name;
     std::string executablePath;
+    std::string commandLine;  // arguments joined by blanks; empty for a kernel thread
     std::string userName;
     ProcessState state = ProcessState::unknown;
     ProcessGroup group = ProcessGroup::background;

@@ -26,10 +26,12 @@ struct ProcessTableResult {
 inline constexpr std::size_t kMaxProcessCount = 131072;
 
 // Walks <proc> once per tick and produces one row per process that was the same process (same start
-// time) at the end of its read as at the beginning. Keeps per-process state between ticks, keyed by
-// ProcessKey: CPU and I/O baselines, descriptor counts (recounted every five seconds), the last
-// status of a quiet process, the executable path and, within a descriptor budget, the open procfs
-// files of each process.
+// time) at the end of its read as at the beginning. Every tick reads stat, cgroup, io and status (and
+// stat again where the pid directory does not pin its process), so each figure is of this tick; only
+// the descriptor count is reused, for up to a second.
+// Keeps per-process state between ticks, keyed by ProcessKey: CPU and I/O baselines, descriptor
+// counts, the executable path and command line (read again after an exec) and, within a descriptor
+// budget, the open procfs files of each process.
 // Runs on the sampling thread only; the object is not shared between threads.
 class ProcessCollector {
 public:

@@ -27,12 +27,22 @@ DirectoryCount CountDirectoryEntries(int directoryFd, const char* relativePath, 
     return result;
 }
 
+bool DescriptorCountDue(const DescriptorCountState& state, std::uint64_t nowNs) noexcept {
+    return !state.tried || nowNs < state.triedNs || nowNs - state.triedNs > kDescriptorCountReuseNs;
+}
+
 void ApplyDescriptorCount(DescriptorCountState& state, const DirectoryCount* read, std::uint64_t nowNs,
                           std::uint64_t generation, core::Metric<std::uint64_t>& out) {
-    if (read != nullptr && read->error == 0) {
-        state = {true, read->count, nowNs, generation, 0};
-    } else if (read != nullptr) {
+    if (read != nullptr) {
+        state.tried = true;
+        state.triedNs = nowNs;
         state.error = read->error;
+        if (read->error == 0) {
+            state.have = true;
+            state.count = read->count;
+            state.readNs = nowNs;
+            state.generation = generation;
+        }
     }
     const std::uint64_t age = nowNs >= state.readNs ? nowNs - state.readNs : 0;
     if (state.have && state.error == 0) {

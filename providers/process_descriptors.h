@@ -8,8 +8,7 @@
 namespace korv::providers {
 
 // Open-descriptor counts: the entries of /proc/<pid>/fd without "." and "..". Listing that directory
-// is the costliest read per process, so the collector recounts only now and then and reuses the count
-// in between, with its age.
+// is the costliest read per process, so a count is reused, with its age, for up to a second.
 
 struct DirectoryCount {
     std::uint64_t count = 0;
@@ -18,17 +17,24 @@ struct DirectoryCount {
 
 DirectoryCount CountDirectoryEntries(int directoryFd, const char* relativePath, std::vector<char>& buffer);
 
-// A count younger than this survives a failed read as stale: a failure at the next recount keeps it,
-// one at the recount after that does not.
-inline constexpr std::uint64_t kDescriptorCountKeepNs = 10'000'000'000;
+// What the last read gave is reused while that read is at most this old.
+inline constexpr std::uint64_t kDescriptorCountReuseNs = 999'999'999;
+// A count younger than this survives a failed read, as stale and with its old read time.
+inline constexpr std::uint64_t kDescriptorCountKeepNs = 2'000'000'000;
 
 struct DescriptorCountState {
     bool have = false;
     std::uint64_t count = 0;
     std::uint64_t readNs = 0;  // monotonic time of the last successful read
     std::uint64_t generation = 0;
+    bool tried = false;
+    std::uint64_t triedNs = 0;  // ... and of the last read, successful or not
     int error = 0;  // errno of the last read when it failed, so that a reused failure says the same
 };
+
+// True when the directory must be listed again: never read, last read older than
+// kDescriptorCountReuseNs, or a clock that went back.
+bool DescriptorCountDue(const DescriptorCountState& state, std::uint64_t nowNs) noexcept;
 
 // Records a fresh read (read != nullptr) or reuses the state, and fills the metric: a count is valid
 // with its age; after a failed read a count younger than kDescriptorCountKeepNs is kept as stale,

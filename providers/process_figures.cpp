@@ -41,6 +41,14 @@ std::string_view DisplayName(std::string_view comm, std::string_view executableP
     return comm;
 }
 
+void JoinArguments(std::string_view arguments, std::string& out) {
+    while (!arguments.empty() && arguments.back() == '\0') arguments.remove_suffix(1);
+    out.assign(arguments);
+    for (char& c : out) {
+        if (static_cast<unsigned char>(c) < 0x20 || c == '\x7f') c = ' ';
+    }
+}
+
 void SetKibMetric(core::Metric<std::uint64_t>& metric, std::optional<std::uint64_t> kib, std::uint64_t generation,
                   core::MetricAvailability absent) {
     if (!kib) {

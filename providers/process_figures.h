@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <string>
 #include <string_view>
 
 namespace korv::providers {
@@ -18,6 +19,10 @@ core::ProcessState StateFromLetter(char letter) noexcept;
 
 // The kernel cuts comm at 15 bytes; when the executable's file name continues it, that name is shown.
 std::string_view DisplayName(std::string_view comm, std::string_view executablePath) noexcept;
+
+// /proc/<pid>/cmdline as one line: the arguments, separated by NUL, joined by blanks. The NULs that
+// end the text are dropped, and other control characters become blanks too, so that it stays one line.
+void JoinArguments(std::string_view arguments, std::string& out);
 
 // A kB figure in bytes. A missing figure takes `absent`; one of 2^54 kB or more cannot be scaled
 // and is reported as transientError without a value.

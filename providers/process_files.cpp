@@ -33,8 +33,6 @@ const char* ProcFileName(ProcFile file) noexcept {
             return "io";
         case ProcFile::cgroup:
             return "cgroup";
-        case ProcFile::schedstat:
-            return "schedstat";
     }
     return "stat";
 }
@@ -86,7 +84,7 @@ int ProcessFiles::Read(ProcFile file, std::size_t limit, std::string& out, bool*
         out.clear();
         return EBADF;
     }
-    if (budget_ == nullptr || !KeepsOpen(file)) {
+    if (budget_ == nullptr) {
         return ReadFileBoundedAt(directory_, ProcFileName(file), limit, out, truncated);
     }
 

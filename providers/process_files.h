@@ -8,11 +8,8 @@
 namespace korv::providers {
 
 // The files that the process collector reads every tick.
-enum class ProcFile : std::uint8_t { stat = 0, status = 1, io = 2, cgroup = 3, schedstat = 4 };
-inline constexpr std::size_t kProcFileCount = 5;
-
-// The files read on most ticks are kept open; cgroup is read every five seconds and opened each time.
-constexpr bool KeepsOpen(ProcFile file) noexcept { return file != ProcFile::cgroup; }
+enum class ProcFile : std::uint8_t { stat = 0, status = 1, io = 2, cgroup = 3 };
+inline constexpr std::size_t kProcFileCount = 4;
 
 // How many descriptors the collector may keep open between ticks. A kept process holds its
 // /proc/<pid> directory and four files, about 16 KiB of kernel memory once they have been read.

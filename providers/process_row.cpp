@@ -134,19 +134,15 @@ void FillIo(core::ProcessSnapshot& row, const ProcIoParse& io, int error, const 
 }
 
 std::optional<std::uint32_t> FillStatus(core::ProcessSnapshot& row, const ParsedProcStatus& status,
-                                        std::uint64_t statusAgeNs, std::int64_t statRssPages,
-                                        std::uint64_t pageSize, std::uint64_t generation) {
+                                        std::int64_t statRssPages, std::uint64_t pageSize,
+                                        std::uint64_t generation) {
     constexpr MetricAvailability kAbsent = MetricAvailability::notApplicable;  // a kernel thread
     SetKibMetric(row.peakWorkingSetBytes, status.vmHwmKib, generation, kAbsent);
     SetKibMetric(row.privateBytes, status.rssAnonKib, generation, kAbsent);
     SetKibSumMetric(row.sharedBytes, status.rssFileKib, status.rssShmemKib, generation, kAbsent);
     SetKibMetric(row.swapBytes, status.vmSwapKib, generation, kAbsent);
-    for (auto* metric : {&row.peakWorkingSetBytes, &row.privateBytes, &row.sharedBytes, &row.swapBytes}) {
-        metric->sampleAgeNs = statusAgeNs;
-    }
     if (status.vmRssKib) {
         SetKibMetric(row.workingSetBytes, status.vmRssKib, generation, kAbsent);
-        row.workingSetBytes.sampleAgeNs = statusAgeNs;
     } else {
         SetStatRss(row, statRssPages, pageSize, generation);
     }

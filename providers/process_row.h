@@ -38,12 +38,11 @@ void FillCpuPercent(core::ProcessSnapshot& row, std::uint64_t totalNs, const Cou
 void FillIo(core::ProcessSnapshot& row, const ProcIoParse& io, int error, const CounterBaseline& previousRead,
             const CounterBaseline& previousWrite, std::uint64_t generation);
 
-// Memory figures from a parsed status that was read statusAgeNs ago (0: this tick): each takes that
-// age. The working set falls back to stat's rss pages, read this tick, when status has no VmRSS.
-// Returns the real uid when status names one.
+// Memory figures from a parsed status. The working set falls back to stat's rss pages when status has
+// no VmRSS. Returns the real uid when status names one.
 std::optional<std::uint32_t> FillStatus(core::ProcessSnapshot& row, const ParsedProcStatus& status,
-                                        std::uint64_t statusAgeNs, std::int64_t statRssPages,
-                                        std::uint64_t pageSize, std::uint64_t generation);
+                                        std::int64_t statRssPages, std::uint64_t pageSize,
+                                        std::uint64_t generation);
 
 // The same when status could not be read: error, its errno, decides the availability.
 void FillStatusError(core::ProcessSnapshot& row, int error, std::int64_t statRssPages, std::uint64_t pageSize,

@@ -14,6 +14,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <pthread.h>
 #include <pwd.h>
 #include <string>
 #include <sys/prctl.h>
@@ -72,7 +73,7 @@ struct FakeProcess {
                          "RssShmem:\t40 kB\nVmSwap:\t0 kB\n";
     std::string io = "syscr: 5\nsyscw: 6\nread_bytes: 4096\nwrite_bytes: 0\n";
     std::string cgroup = "0::/system.slice/x.service\n";
-    std::string schedstat = "1000000 0 7\n";  // empty: the kernel keeps none
+    std::string cmdline = std::string("proc\0--serve\0/srv/a b\0", 22);
     int descriptors = 3;
     std::string exe = "/usr/bin/proc";
 
@@ -89,7 +90,7 @@ struct FakeProcess {
         WriteText(dir / "status", status);
         WriteText(dir / "io", io);
         WriteText(dir / "cgroup", cgroup);
-        if (!schedstat.empty()) WriteText(dir / "schedstat", schedstat);
+        WriteText(dir / "cmdline", cmdline);
         for (int fd = 0; fd < descriptors; ++fd) fs::create_symlink("/dev/null", dir / "fd" / std::to_string(fd));
         if (!exe.empty()) fs::create_symlink(exe, dir / "exe");
     }
@@ -144,6 +145,7 @@ TEST_P(FixtureCollectorTest, BuildsRowsFromEveryFile) {
     FakeProcess init{.pid = 1, .comm = "init", .ppid = 0, .exe = "/sbin/init"};
     FakeProcess kthread{.pid = 2, .comm = "kthreadd", .ppid = 0, .rss = 0, .exe = ""};
     kthread.status = "Name:\tkthreadd\nUid:\t0\t0\t0\t0\n";
+    kthread.cmdline.clear();
     FakeProcess parent{.pid = 300, .comm = "gnome-shell-cal", .nice = 5, .threads = 4, .start = 2000,
                        .exe = "/usr/libexec/gnome-shell-calendar-server"};
     parent.status.replace(parent.status.find("Uid:\t0"), 6, "Uid:\t3999999999");
@@ -169,6 +171,7 @@ TEST_P(FixtureCollectorTest, BuildsRowsFromEveryFile) {
     EXPECT_EQ(p.parentKey, (core::ProcessKey{1, 1000}));
     EXPECT_EQ(p.name, "gnome-shell-calendar-server");
     EXPECT_EQ(p.executablePath, "/usr/libexec/gnome-shell-calendar-server");
+    EXPECT_EQ(p.commandLine, "proc --serve /srv/a b");
     EXPECT_EQ(p.userName, "3999999999");
     EXPECT_EQ(p.state, core::ProcessState::sleeping);
     EXPECT_EQ(p.nice.value, 5.0);
@@ -206,6 +209,7 @@ TEST_P(FixtureCollectorTest, BuildsRowsFromEveryFile) {
 
     const ProcessSnapshot& k = *Find(rows, 2);
     EXPECT_EQ(k.executablePath, "");
+    EXPECT_EQ(k.commandLine, "");
     EXPECT_EQ(k.workingSetBytes.availability, MetricAvailability::zero);
     EXPECT_EQ(k.workingSetBytes.source, "linux.procfs.stat-rss");
     EXPECT_EQ(k.peakWorkingSetBytes.availability, MetricAvailability::notApplicable);
@@ -315,128 +319,135 @@ TEST_P(FixtureCollectorTest, StopDuringTheReadsCancelsTheCollection) {
     EXPECT_EQ(result.message, "Process enumeration cancelled");
 }
 
-// Status is read again only when stat moves or its copy grows old; in between its figures are the
-// kept ones, with the current generation and the age of the read.
-TEST_P(FixtureCollectorTest, QuietProcessReusesItsStatusUntilStatMoves) {
+// Every file is read at every tick: whatever moved since the last tick shows at once, and no figure
+// carries an age.
+TEST_P(FixtureCollectorTest, EachTickShowsWhatChangedSinceTheLastOne) {
     FakeProcess p{.pid = 10};
     p.WriteTo(root.path);
-    const auto statusWithRss = [](int kib) {
-        return "Uid:\t0\t0\t0\t0\nVmHWM:\t9000 kB\nVmRSS:\t" + std::to_string(kib) +
-               " kB\nRssAnon:\t" + std::to_string(kib) + " kB\n";
-    };
     struct Step {
         const char* what;
-        std::uint64_t atNs;
-        std::function<void(FakeProcess&)> move;  // what changes in stat before the tick
-        int statusKib;                           // what status says from now on
-        int shownKib;
+        std::function<void(FakeProcess&)> change;
+        std::function<bool(const ProcessSnapshot&)> shown;
+    };
+    const std::vector<Step> steps = {
+        {"renice, nothing else moved", [](FakeProcess& f) { f.nice = 7; },
+         [](const ProcessSnapshot& r) { return r.nice.value == 7.0; }},
+        {"a thread more", [](FakeProcess& f) { f.threads = 2; },
+         [](const ProcessSnapshot& r) { return r.threadCount.value == 2u; }},
+        {"resident set grew, stat unchanged",
+         [](FakeProcess& f) { f.status = "Uid:\t0\t0\t0\t0\nVmHWM:\t900 kB\nVmRSS:\t800 kB\nRssAnon:\t700 kB\n"; },
+         [](const ProcessSnapshot& r) {
+             return r.workingSetBytes.value == 800u * 1024 && r.privateBytes.value == 700u * 1024;
+         }},
+        {"bytes read, stat unchanged", [](FakeProcess& f) { f.io = "syscr: 9\nsyscw: 6\nread_bytes: 1052672\nwrite_bytes: 0\n"; },
+         [](const ProcessSnapshot& r) {
+             return r.readBytes.value == 1052672u && r.readOperations.value == 9u &&
+                    r.readBytesPerSecond.value == 1048576.0 * 4;  // 1 MiB in a quarter second
+         }},
+        {"moved into an application scope",
+         [](FakeProcess& f) { f.cgroup = "0::/user.slice/user-1000.slice/user@1000.service/app.slice/app-x-1.scope\n"; },
+         [](const ProcessSnapshot& r) {
+             return r.group == core::ProcessGroup::apps && r.applicationKey == "linux-application-scope:app-x-1.scope";
+         }},
+        {"CPU time moved", [](FakeProcess& f) { f.utime += static_cast<std::uint64_t>(::sysconf(_SC_CLK_TCK)) / 4; },
+         [](const ProcessSnapshot& r) { return r.cpuPercent.value > 0.0; }},
+    };
+    ProcessCollector collector = MakeCollector();
+    std::vector<ProcessSnapshot> rows;
+    std::uint64_t generation = 1;
+    std::uint64_t nowNs = 10'000'000'000;
+    ASSERT_TRUE(collector.Refresh(Tick(generation, nowNs), 1, rows).ok);
+    for (const Step& step : steps) {
+        step.change(p);
+        for (const char* file : {"stat", "status", "io", "cgroup"}) {
+            WriteText(root.path / "10" / file, std::string_view(file) == "stat"     ? p.Stat()
+                                               : std::string_view(file) == "status" ? p.status
+                                               : std::string_view(file) == "io"     ? p.io
+                                                                                    : p.cgroup);
+        }
+        nowNs += 250'000'000;
+        ASSERT_TRUE(collector.Refresh(Tick(++generation, nowNs), 1, rows).ok) << step.what;
+        const ProcessSnapshot* row = Find(rows, 10);
+        ASSERT_NE(row, nullptr) << step.what;
+        EXPECT_TRUE(step.shown(*row)) << step.what;
+        EXPECT_EQ(row->nice.sampleAgeNs, 0u) << step.what;
+        for (const auto* metric : {&row->virtualBytes, &row->workingSetBytes, &row->privateBytes}) {
+            EXPECT_EQ(metric->sampleAgeNs, 0u) << step.what;
+        }
+        for (const auto* metric : {&row->threadCount, &row->readBytes, &row->totalCpuTimeNs}) {
+            EXPECT_EQ(metric->sampleAgeNs, 0u) << step.what;
+            EXPECT_EQ(metric->lastGoodGeneration, generation) << step.what;
+        }
+    }
+}
+
+// Descriptors are listed again once the last count is older than 999,999,999 ns; in between the
+// count is reused with its age. A failed listing keeps a count younger than 2 s as stale.
+TEST_P(FixtureCollectorTest, DescriptorCountIsReusedForUnderASecond) {
+    FakeProcess p{.pid = 10, .descriptors = 3};
+    p.WriteTo(root.path);
+    const fs::path fd = root.path / "10" / "fd";
+    const auto open = [&](int count) {
+        for (int i = 0; i < count; ++i) fs::create_symlink("/dev/null", fd / std::to_string(100 + i));
+    };
+    struct Step {
+        std::uint64_t atNs;  // since the first tick
+        std::function<void()> change;
+        MetricAvailability availability;
+        std::uint64_t count;
         std::uint64_t ageNs;
     };
     const std::vector<Step> steps = {
-        {"first sight", 10'000'000'000, nullptr, 200, 200, 0},
-        {"quiet", 10'300'000'000, nullptr, 300, 200, 300'000'000},
-        {"ran", 10'600'000'000, [](FakeProcess& f) { ++f.utime; }, 400, 400, 0},
-        {"quiet again", 10'900'000'000, nullptr, 500, 400, 300'000'000},
-        {"resident pages moved", 11'000'000'000, [](FakeProcess& f) { ++f.rss; }, 600, 600, 0},
-        {"quiet for almost 5 s", 15'500'000'000, nullptr, 700, 600, 4'500'000'000},
-        {"quiet for 5 s", 16'000'000'000, nullptr, 800, 800, 0},
+        {0, nullptr, MetricAvailability::valid, 3, 0},
+        {250'000'000, [&] { open(2); }, MetricAvailability::valid, 3, 250'000'000},
+        {999'999'999, nullptr, MetricAvailability::valid, 3, 999'999'999},
+        {1'000'000'000, nullptr, MetricAvailability::valid, 5, 0},
+        {1'250'000'000, [&] { fs::remove_all(fd); }, MetricAvailability::valid, 5, 250'000'000},
+        {2'000'000'000, nullptr, MetricAvailability::stale, 5, 1'000'000'000},
+        {2'750'000'000, nullptr, MetricAvailability::stale, 5, 1'750'000'000},
+        {3'000'000'000, nullptr, MetricAvailability::notYetAvailable, 0, 0},
+        {3'250'000'000, [&] { fs::create_directory(fd); open(1); }, MetricAvailability::notYetAvailable, 0, 0},
+        {4'000'000'000, nullptr, MetricAvailability::valid, 1, 0},
     };
     ProcessCollector collector = MakeCollector();
     std::vector<ProcessSnapshot> rows;
     std::uint64_t generation = 0;
     for (const Step& step : steps) {
-        if (step.move) {
-            step.move(p);
-            WriteText(root.path / "10" / "stat", p.Stat());
-        }
-        WriteText(root.path / "10" / "status", statusWithRss(step.statusKib));
-        ASSERT_TRUE(collector.Refresh(Tick(++generation, step.atNs), 2, rows).ok) << step.what;
+        if (step.change) step.change();
+        ASSERT_TRUE(collector.Refresh(Tick(++generation, 10'000'000'000 + step.atNs), 1, rows).ok);
         const ProcessSnapshot* row = Find(rows, 10);
-        ASSERT_NE(row, nullptr) << step.what;
-        EXPECT_EQ(row->workingSetBytes.value, step.shownKib * 1024u) << step.what;
-        EXPECT_EQ(row->privateBytes.value, step.shownKib * 1024u) << step.what;
-        for (const auto* metric : {&row->workingSetBytes, &row->privateBytes, &row->peakWorkingSetBytes}) {
-            EXPECT_EQ(metric->sampleAgeNs, step.ageNs) << step.what;
-            EXPECT_EQ(metric->lastGoodGeneration, generation) << step.what;
-        }
-        EXPECT_EQ(row->swapBytes.availability, MetricAvailability::notApplicable) << step.what;
-        EXPECT_EQ(row->userName, "root") << step.what;
-        EXPECT_EQ(row->virtualBytes.sampleAgeNs, 0u) << "stat is read every tick";
-        // io moves with CPU time, as status does, and is read on the same schedule.
-        EXPECT_EQ(row->readBytes.sampleAgeNs, step.ageNs) << step.what;
+        ASSERT_NE(row, nullptr) << step.atNs;
+        EXPECT_EQ(row->handleCount.availability, step.availability) << step.atNs;
+        EXPECT_EQ(row->handleCount.value.value_or(0), step.count) << step.atNs;
+        EXPECT_EQ(row->handleCount.sampleAgeNs, step.ageNs) << step.atNs;
     }
+}
+
+// The command line is read at first sight and again when the process execs (its comm changes).
+TEST_P(FixtureCollectorTest, CommandLineFollowsAnExec) {
+    FakeProcess p{.pid = 10, .comm = "bash", .exe = "/usr/bin/bash"};
+    p.cmdline = std::string("bash\0-c\0make -j2\0", 18);
+    p.WriteTo(root.path);
+    ProcessCollector collector = MakeCollector();
+    std::vector<ProcessSnapshot> rows;
+    ASSERT_TRUE(collector.Refresh(Tick(1, 1'000'000'000), 1, rows).ok);
+    ASSERT_NE(Find(rows, 10), nullptr);
+    EXPECT_EQ(Find(rows, 10)->commandLine, "bash -c make -j2");
+
+    p.comm = "make";
+    WriteText(root.path / "10" / "stat", p.Stat());
+    WriteText(root.path / "10" / "cmdline", std::string("make\0-j2\0", 9));
+    fs::remove(root.path / "10" / "exe");
+    fs::create_symlink("/usr/bin/make", root.path / "10" / "exe");
+    ASSERT_TRUE(collector.Refresh(Tick(2, 1'250'000'000), 1, rows).ok);
+    ASSERT_NE(Find(rows, 10), nullptr);
+    EXPECT_EQ(Find(rows, 10)->commandLine, "make -j2");
+    EXPECT_EQ(Find(rows, 10)->executablePath, "/usr/bin/make");
+    EXPECT_EQ(Find(rows, 10)->name, "make");
 }
 
 INSTANTIATE_TEST_SUITE_P(Designs, FixtureCollectorTest, ::testing::Values(std::size_t{0}, std::size_t{1000}),
                          [](const ::testing::TestParamInfo<std::size_t>& design) { return design.param == 0 ? "OpenReadClose" : "KeptDescriptors"; });
-
-// io is kept only while schedstat proves that the process has not run: a run too short to be
-// charged a clock tick in stat still makes the counters be read again.
-TEST_P(FixtureCollectorTest, IoIsReadAgainAfterAnyRun) {
-    struct Step {
-        const char* what;
-        std::string schedstat;  // before the tick
-        std::string io;
-        std::uint64_t shownReadBytes;
-        bool ioRead;
-    };
-    for (const bool withSchedstat : {true, false}) {
-        TempRoot fresh;
-        FakeProcess p{.pid = 10};
-        if (!withSchedstat) p.schedstat.clear();
-        p.WriteTo(fresh.path);
-        ProcessCollector collector(ProviderRoots{.proc = fresh.path}, GetParam());
-        std::vector<ProcessSnapshot> rows;
-        const std::vector<Step> steps = {
-            {"first sight", "1000 0 7\n", "read_bytes: 4096\nwrite_bytes: 0\n", 4096, true},
-            {"did not run", "1000 0 7\n", "read_bytes: 8192\nwrite_bytes: 0\n", withSchedstat ? 4096u : 8192u,
-             !withSchedstat},
-            {"ran briefly", "1500 0 8\n", "read_bytes: 12288\nwrite_bytes: 0\n", 12288, true},
-        };
-        std::uint64_t generation = 0;
-        for (const Step& step : steps) {
-            if (withSchedstat) WriteText(fresh.path / "10" / "schedstat", step.schedstat);
-            WriteText(fresh.path / "10" / "io", step.io);
-            ++generation;
-            ASSERT_TRUE(collector.Refresh(Tick(generation, 1'000'000'000 * generation), 2, rows).ok);
-            const ProcessSnapshot* row = Find(rows, 10);
-            ASSERT_NE(row, nullptr) << step.what;
-            EXPECT_EQ(row->readBytes.value, step.shownReadBytes) << step.what << " schedstat " << withSchedstat;
-            EXPECT_EQ(row->readBytes.sampleAgeNs == 0, step.ioRead) << step.what << " schedstat " << withSchedstat;
-        }
-    }
-}
-
-// On a root that does not pin its processes, a quiet tick reads stat alone and then reads it again
-// at the end: here the pid is reused right after the first read.
-TEST(ProcessCollectorQuietTickTest, PidReusedDuringAQuietTickDropsTheRow) {
-    TempRoot root;
-    FakeProcess p{.pid = 10};
-    FakeProcess q{.pid = 20};
-    p.WriteTo(root.path);
-    q.WriteTo(root.path);
-    ProcessCollector collector(ProviderRoots{.proc = root.path}, 0);
-    std::vector<ProcessSnapshot> rows;
-    ASSERT_TRUE(collector.Refresh(Tick(1, 1'000'000'000), 2, rows).ok);
-    ASSERT_NE(Find(rows, 10), nullptr);
-
-    const fs::path stat = root.path / "10" / "stat";
-    FakeProcess successor = p;
-    successor.start = 7777;
-    WriteText(root.path / "successor-stat", successor.Stat());
-    fs::remove(stat);
-    ProcessTableResult result;
-    {
-        const FifoFeeder feeder(stat, p.Stat(), [&] { fs::rename(root.path / "successor-stat", stat); });
-        result = collector.Refresh(Tick(2, 1'300'000'000), 2, rows);
-    }
-    ASSERT_TRUE(result.ok) << result.message;
-    ASSERT_EQ(rows.size(), 1u);
-    EXPECT_EQ(rows[0].key.pid, 20u);
-    EXPECT_GT(rows[0].workingSetBytes.sampleAgeNs, 0u) << "status was not read on this tick";
-    EXPECT_GT(rows[0].readBytes.sampleAgeNs, 0u) << "io was not read on this tick";
-    EXPECT_EQ(rows[0].readBytesPerSecond.value, 0.0) << "a process that did not run did no io";
-}
 
 TEST(ProcessCollectorErrorsTest, EnumerationFailuresAndLimits) {
     TempRoot root;
@@ -644,8 +655,10 @@ TEST(ProcessCollectorLiveTest, ChildThatExitsMidCollectionIsDropped) {
     }
 }
 
-// A child that waits for one-letter commands and answers each with the same letter: 'm' touches
-// 64 MiB, 'f' opens 50 files, 'x' execs sleep (answered by the pipe closing on exec).
+// A child whose main thread only sleeps, while a worker thread waits for one-letter commands and
+// answers each with the same letter: 's' starts a thread that spins, 't' one that sleeps, 'm' touches
+// 64 MiB, 'f' opens 50 files, 'x' execs sleep (answered by the pipe closing on exec). So whatever the
+// child does, its main thread does not run.
 class CommandedChild {
 public:
     static constexpr std::size_t kTouchedBytes = 64u << 20;
@@ -659,8 +672,12 @@ public:
             ::prctl(PR_SET_NAME, "korv-commanded");
             ::close(commands[1]);
             ::close(answers[0]);
-            Serve(commands[0], answers[1]);
-            ::_exit(0);
+            static int channel[2];
+            channel[0] = commands[0];
+            channel[1] = answers[1];
+            pthread_t worker;
+            if (::pthread_create(&worker, nullptr, &Serve, channel) != 0) ::_exit(5);
+            for (;;) ::pause();
         }
         ::close(commands[0]);
         ::close(answers[1]);
@@ -687,10 +704,22 @@ public:
     }
 
 private:
-    static void Serve(int commands, int answers) {
+    static void* Spin(void*) {
+        volatile std::uint64_t turns = 0;
+        for (;;) turns = turns + 1;
+    }
+    static void* Sleep(void*) {
+        for (;;) ::pause();
+    }
+    static void* Serve(void* argument) {
+        const int commands = static_cast<int*>(argument)[0];
+        const int answers = static_cast<int*>(argument)[1];
         char command;
         while (::read(commands, &command, 1) == 1) {
-            if (command == 'm') {
+            pthread_t thread;
+            if (command == 's' || command == 't') {
+                if (::pthread_create(&thread, nullptr, command == 's' ? &Spin : &Sleep, nullptr) != 0) ::_exit(6);
+            } else if (command == 'm') {
                 void* block = ::mmap(nullptr, kTouchedBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
                 if (block == MAP_FAILED) ::_exit(4);
                 std::memset(block, 1, kTouchedBytes);
@@ -701,6 +730,7 @@ private:
             }
             (void)!::write(answers, &command, 1);
         }
+        ::_exit(0);
     }
 
     pid_t pid_ = -1;
@@ -708,120 +738,90 @@ private:
     int answers_ = -1;
 };
 
-constexpr std::uint64_t kLiveStartNs = 100'000'000'000;
-
-const ProcessSnapshot* LiveTick(ProcessCollector& collector, std::uint64_t generation, std::uint64_t atNs,
-                                std::uint32_t pid, std::vector<ProcessSnapshot>& rows) {
-    if (!collector.Refresh(Tick(generation, atNs), 2, rows).ok) return nullptr;
-    return Find(rows, pid);
+std::uint64_t SteadyNs() {
+    return static_cast<std::uint64_t>(
+        std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now().time_since_epoch()).count());
 }
 
-// A sleeping child whose stat does not move keeps the status figures of its first read, aging.
-// While a child waits without running, its stat is kept (schedstat proves it unchanged); a renice
-// from outside, which needs no run of the child, shows at the next due read, and any run at once.
-TEST(ProcessCollectorLiveTest, StatOfAChildThatHasNotRunIsKeptUntilItRunsOrIsDue) {
+// A worker thread that spins while the main thread sleeps: the process's CPU time moves on every tick
+// of a 250 ms cadence, and so must its CPU figure.
+TEST(ProcessCollectorLiveTest, SpinningWorkerShowsItsCpuOnEveryTick) {
     CommandedChild child;
     ASSERT_GT(child.Pid(), 0u);
-    const std::uint32_t pid = child.Pid();
+    ASSERT_TRUE(child.Run('s'));
     ProcessCollector collector(ProviderRoots{});
     std::vector<ProcessSnapshot> rows;
-    std::uint64_t generation = 1;
-    std::uint64_t nowNs = kLiveStartNs;
-    ASSERT_NE(LiveTick(collector, generation, nowNs, pid, rows), nullptr);
-    const auto tick = [&] {
-        nowNs += 1'000'000'000;
-        return LiveTick(collector, ++generation, nowNs, pid, rows);
-    };
-    bool kept = false;
-    for (int attempt = 0; attempt < 20 && !kept; ++attempt) {
-        const ProcessSnapshot* row = tick();
-        ASSERT_NE(row, nullptr);
-        kept = row->virtualBytes.sampleAgeNs > 0;
-        if (kept) {
-            EXPECT_EQ(row->cpuPercent.value, 0.0);
-        }
+    ASSERT_TRUE(collector.Refresh(Tick(1, SteadyNs()), 2, rows).ok);
+    ASSERT_NE(Find(rows, child.Pid()), nullptr);
+    std::uint64_t cpuNs = Find(rows, child.Pid())->totalCpuTimeNs.value.value_or(0);
+    for (std::uint64_t generation = 2; generation <= 8; ++generation) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(250));
+        ASSERT_TRUE(collector.Refresh(Tick(generation, SteadyNs()), 2, rows).ok);
+        const ProcessSnapshot* row = Find(rows, child.Pid());
+        ASSERT_NE(row, nullptr) << "tick " << generation;
+        EXPECT_EQ(row->cpuPercent.availability, MetricAvailability::valid) << "tick " << generation;
+        EXPECT_GT(row->cpuPercent.value.value_or(0), 0.0) << "tick " << generation;
+        EXPECT_GT(row->totalCpuTimeNs.value.value_or(0), cpuNs) << "tick " << generation;
+        cpuNs = row->totalCpuTimeNs.value.value_or(0);
     }
-    ASSERT_TRUE(kept) << "the waiting child's stat was read at every tick";
-
-    ASSERT_EQ(::setpriority(PRIO_PROCESS, static_cast<id_t>(pid), 7), 0);
-    bool reniced = false;
-    for (int second = 0; second < 6 && !reniced; ++second) {
-        const ProcessSnapshot* row = tick();
-        ASSERT_NE(row, nullptr);
-        reniced = row->nice.value == 7.0;
-    }
-    EXPECT_TRUE(reniced) << "a renice from outside shows within five seconds";
-
-    ASSERT_TRUE(child.Run('m'));
-    const ProcessSnapshot* row = tick();
-    ASSERT_NE(row, nullptr);
-    EXPECT_EQ(row->virtualBytes.sampleAgeNs, 0u) << "a child that ran has its stat read again";
-    EXPECT_GE(row->virtualBytes.value.value_or(0), CommandedChild::kTouchedBytes);
 }
 
-TEST(ProcessCollectorLiveTest, SleepingChildReusesItsStatusWithAGrowingAge) {
-    LiveChildren children;
-    const pid_t child = children.Start("korv-quiet", 0, 0);
-    ASSERT_GT(child, 0);
-    const std::uint32_t pid = static_cast<std::uint32_t>(child);
-    const auto marks = [&] {
-        const ProcStatRead read = ReadProcPidStat("/proc", pid);
-        return read.stat ? std::to_string(read.stat->utime + read.stat->stime) + " " +
-                               std::to_string(read.stat->rss) + " " + std::to_string(read.stat->minflt) + " " +
-                               std::to_string(read.stat->majflt) + " " + read.stat->state
-                         : std::string();
-    };
-    // The child may still be settling into pause(); a round in which its stat moved proves nothing.
-    bool quietRound = false;
-    for (int attempt = 0; attempt < 20 && !quietRound; ++attempt) {
-        const std::string before = marks();
-        ProcessCollector collector(ProviderRoots{});
-        std::vector<ProcessSnapshot> rows;
-        const ProcessSnapshot* row = LiveTick(collector, 1, kLiveStartNs, pid, rows);
-        ASSERT_NE(row, nullptr);
-        const std::uint64_t firstRss = row->workingSetBytes.value.value_or(0);
-        ASSERT_GT(firstRss, 0u);
-        EXPECT_EQ(row->workingSetBytes.sampleAgeNs, 0u);
-        std::vector<std::uint64_t> ages;
-        for (std::uint64_t tick = 2; tick <= 3; ++tick) {
-            row = LiveTick(collector, tick, kLiveStartNs + (tick - 1) * 300'000'000, pid, rows);
-            ASSERT_NE(row, nullptr);
-            ages.push_back(row->workingSetBytes.sampleAgeNs);
-            if (before != marks() || before.back() != 'S') break;
-            EXPECT_EQ(row->workingSetBytes.value, firstRss);
-            EXPECT_EQ(row->workingSetBytes.lastGoodGeneration, tick);
-            EXPECT_EQ(row->privateBytes.sampleAgeNs, row->workingSetBytes.sampleAgeNs);
-            EXPECT_TRUE(row->peakWorkingSetBytes.HasValue());
-        }
-        quietRound = before == marks() && before.back() == 'S';
-        if (quietRound) {
-            EXPECT_EQ(ages, (std::vector<std::uint64_t>{300'000'000, 600'000'000}));
-        }
-    }
-    EXPECT_TRUE(quietRound) << "the child never stayed still";
-}
-
-TEST(ProcessCollectorLiveTest, ChildThatTouchesMemoryShowsItAtTheNextTick) {
+// What changes in a child whose main thread sleeps, by its own worker or from outside, shows at the
+// very next tick.
+TEST(ProcessCollectorLiveTest, ChangesToAChildWithASleepingMainThreadShowAtTheNextTick) {
     CommandedChild child;
     ASSERT_GT(child.Pid(), 0u);
     ASSERT_TRUE(child.Run('f')) << "a first command settles the child";
+    const std::uint32_t pid = child.Pid();
+    struct Step {
+        const char* what;
+        std::function<bool()> change;
+        std::function<bool(const ProcessSnapshot& before, const ProcessSnapshot& now)> shown;
+    };
+    const std::uint64_t grown = CommandedChild::kTouchedBytes;
+    const std::vector<Step> steps = {
+        {"renice from outside", [&] { return ::setpriority(PRIO_PROCESS, pid, 7) == 0; },
+         [](const ProcessSnapshot&, const ProcessSnapshot& now) { return now.nice.value == 7.0; }},
+        {"a new thread", [&] { return child.Run('t'); },
+         [](const ProcessSnapshot& before, const ProcessSnapshot& now) {
+             return now.threadCount.value == *before.threadCount.value + 1;
+         }},
+        {"64 MiB touched", [&] { return child.Run('m'); },
+         [&](const ProcessSnapshot& before, const ProcessSnapshot& now) {
+             return now.workingSetBytes.value.value_or(0) >= *before.workingSetBytes.value + grown &&
+                    now.privateBytes.value.value_or(0) >= *before.privateBytes.value + grown &&
+                    now.peakWorkingSetBytes.value.value_or(0) >= *before.workingSetBytes.value + grown &&
+                    now.virtualBytes.value.value_or(0) >= *before.virtualBytes.value + grown;
+         }},
+        {"renice again", [&] { return ::setpriority(PRIO_PROCESS, pid, 12) == 0; },
+         [](const ProcessSnapshot&, const ProcessSnapshot& now) { return now.nice.value == 12.0; }},
+    };
     ProcessCollector collector(ProviderRoots{});
     std::vector<ProcessSnapshot> rows;
-    const ProcessSnapshot* row = LiveTick(collector, 1, kLiveStartNs, child.Pid(), rows);
-    ASSERT_NE(row, nullptr);
-    const std::uint64_t workingSet = row->workingSetBytes.value.value_or(0);
-    const std::uint64_t privateBytes = row->privateBytes.value.value_or(0);
-    ASSERT_TRUE(child.Run('m'));
-    row = LiveTick(collector, 2, kLiveStartNs + 300'000'000, child.Pid(), rows);
-    ASSERT_NE(row, nullptr);
-    const std::uint64_t grown = CommandedChild::kTouchedBytes;
-    EXPECT_GE(row->workingSetBytes.value.value_or(0), workingSet + grown);
-    EXPECT_GE(row->privateBytes.value.value_or(0), privateBytes + grown);
-    EXPECT_GE(row->peakWorkingSetBytes.value.value_or(0), workingSet + grown);
-    EXPECT_EQ(row->privateBytes.sampleAgeNs, 0u);
+    std::uint64_t generation = 1;
+    std::uint64_t nowNs = 100'000'000'000;
+    ASSERT_TRUE(collector.Refresh(Tick(generation, nowNs), 2, rows).ok);
+    for (const Step& step : steps) {
+        nowNs += 250'000'000;
+        ASSERT_TRUE(collector.Refresh(Tick(++generation, nowNs), 2, rows).ok);
+        ASSERT_NE(Find(rows, pid), nullptr) << step.what;
+        const ProcessSnapshot before = *Find(rows, pid);
+        ASSERT_TRUE(before.threadCount.value && before.workingSetBytes.value && before.privateBytes.value &&
+                    before.virtualBytes.value);
+        ASSERT_TRUE(step.change()) << step.what;
+        nowNs += 250'000'000;
+        ASSERT_TRUE(collector.Refresh(Tick(++generation, nowNs), 2, rows).ok);
+        const ProcessSnapshot* row = Find(rows, pid);
+        ASSERT_NE(row, nullptr) << step.what;
+        EXPECT_TRUE(step.shown(before, *row)) << step.what;
+        EXPECT_EQ(row->nice.sampleAgeNs, 0u) << step.what;
+        for (const auto* metric : {&row->threadCount, &row->workingSetBytes, &row->virtualBytes}) {
+            EXPECT_EQ(metric->sampleAgeNs, 0u) << step.what;
+        }
+    }
 }
 
-TEST(ProcessCollectorLiveTest, ChildThatExecsShowsItsNewExecutableAtTheNextTick) {
+TEST(ProcessCollectorLiveTest, ChildThatExecsShowsItsNewExecutableAndCommandLineAtTheNextTick) {
     std::error_code error;
     const fs::path sleepPath = fs::canonical("/bin/sleep", error);
     if (error) GTEST_SKIP() << "no /bin/sleep to exec";
@@ -829,46 +829,40 @@ TEST(ProcessCollectorLiveTest, ChildThatExecsShowsItsNewExecutableAtTheNextTick)
     ASSERT_GT(child.Pid(), 0u);
     ProcessCollector collector(ProviderRoots{});
     std::vector<ProcessSnapshot> rows;
-    const ProcessSnapshot* row = LiveTick(collector, 1, kLiveStartNs, child.Pid(), rows);
+    const ProcessSnapshot* row = nullptr;
+    ASSERT_TRUE(collector.Refresh(Tick(1, 100'000'000'000), 2, rows).ok);
+    row = Find(rows, child.Pid());
     ASSERT_NE(row, nullptr);
     EXPECT_EQ(row->executablePath, fs::read_symlink("/proc/self/exe").native());
+    EXPECT_FALSE(row->commandLine.empty());
     ASSERT_TRUE(child.Run('x'));
-    row = LiveTick(collector, 2, kLiveStartNs + 300'000'000, child.Pid(), rows);
+    ASSERT_TRUE(collector.Refresh(Tick(2, 100'250'000'000), 2, rows).ok);
+    row = Find(rows, child.Pid());
     ASSERT_NE(row, nullptr);
     EXPECT_EQ(row->executablePath, sleepPath.native());
     EXPECT_EQ(row->name, "sleep");
+    EXPECT_EQ(row->commandLine, "sleep 100000");
     EXPECT_EQ(row->handleCount.sampleAgeNs, 0u) << "an exec recounts the descriptors too";
 }
 
-// Descriptors are recounted every 5 s at the latest; a reused count says how old it is.
-TEST(ProcessCollectorLiveTest, DescriptorsOpenedByAChildShowWithinFiveSeconds) {
+// Descriptors opened by the child show by the first tick at which the last count is a second old.
+TEST(ProcessCollectorLiveTest, DescriptorsOpenedByAChildShowWithinASecond) {
     CommandedChild child;
     ASSERT_GT(child.Pid(), 0u);
     ProcessCollector collector(ProviderRoots{});
     std::vector<ProcessSnapshot> rows;
-    const ProcessSnapshot* row = LiveTick(collector, 1, kLiveStartNs, child.Pid(), rows);
-    ASSERT_NE(row, nullptr);
-    const std::uint64_t before = row->handleCount.value.value_or(0);
+    ASSERT_TRUE(collector.Refresh(Tick(1, 100'000'000'000), 2, rows).ok);
+    ASSERT_NE(Find(rows, child.Pid()), nullptr);
+    const std::uint64_t before = Find(rows, child.Pid())->handleCount.value.value_or(0);
     ASSERT_GT(before, 0u);
     ASSERT_TRUE(child.Run('f'));
-    std::uint64_t lastReadNs = kLiveStartNs;
-    bool shown = false;
-    for (std::uint64_t tick = 2; tick <= 6; ++tick) {
-        const std::uint64_t nowNs = kLiveStartNs + (tick - 1) * 1'000'000'000;
-        row = LiveTick(collector, tick, nowNs, child.Pid(), rows);
-        ASSERT_NE(row, nullptr);
-        if (row->handleCount.sampleAgeNs == 0) lastReadNs = nowNs;
-        EXPECT_EQ(row->handleCount.sampleAgeNs, nowNs - lastReadNs) << "tick " << tick;
-        EXPECT_EQ(row->handleCount.availability, MetricAvailability::valid);
-        if (row->handleCount.value == before + 50) {
-            EXPECT_TRUE(shown || row->handleCount.sampleAgeNs == 0) << "first shown by a recount";
-            shown = true;
-        } else {
-            EXPECT_FALSE(shown) << "a count once shown stays";
-            EXPECT_EQ(row->handleCount.value, before);
-        }
+    std::vector<std::uint64_t> counts;
+    for (std::uint64_t tick = 1; tick <= 4; ++tick) {
+        ASSERT_TRUE(collector.Refresh(Tick(tick + 1, 100'000'000'000 + tick * 250'000'000), 2, rows).ok);
+        ASSERT_NE(Find(rows, child.Pid()), nullptr);
+        counts.push_back(Find(rows, child.Pid())->handleCount.value.value_or(0));
     }
-    EXPECT_TRUE(shown) << "within 5 s of the opens";
+    EXPECT_EQ(counts, (std::vector<std::uint64_t>{before, before, before, before + 50}));
 }
 
 // A real pid reuse: the kernel hands the pid of a reaped child to the next fork when ns_last_pid is

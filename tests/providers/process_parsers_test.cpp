@@ -4,7 +4,6 @@
 #include "providers/process_descriptors.h"
 #include "providers/process_directory.h"
 #include "providers/process_figures.h"
-#include "providers/process_refresh.h"
 #include "providers/process_status.h"
 #include "providers/process_user_names.h"
 
@@ -210,6 +209,23 @@ TEST(ProcessFiguresTest, DisplayNameContinuesACutComm) {
     EXPECT_EQ(DisplayName("kworker/0:1H-kb", ""), "kworker/0:1H-kb");
 }
 
+TEST(ProcessFiguresTest, CommandLineIsOneLineOfBlankSeparatedArguments) {
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {std::string("python3\0-m\0http.server\0", 23), "python3 -m http.server"},
+        {std::string("sh\0-c\0echo a  b\0", 16), "sh -c echo a  b"},
+        {std::string("a\0\0b\0\0", 6), "a  b"},  // an empty argument keeps its place
+        {"nginx: worker process", "nginx: worker process"},  // rewritten in place, no NUL
+        {std::string("x\0line\none\ttab\0", 15), "x line one tab"},
+        {"", ""},
+        {std::string("\0", 1), ""},
+    };
+    std::string joined = "left over";
+    for (const auto& [raw, shown] : cases) {
+        JoinArguments(raw, joined);
+        EXPECT_EQ(joined, shown) << shown;
+    }
+}
+
 TEST(ProcessFiguresTest, CpuPercentIsClampedToTheMachine) {
     EXPECT_DOUBLE_EQ(CpuPercent(500'000'000, 1'000'000'000, 2), 25.0);
     EXPECT_DOUBLE_EQ(CpuPercent(5'000'000'000, 1'000'000'000, 2), 100.0);
@@ -226,89 +242,48 @@ TEST(PidNameTest, OnlyPositiveDecimalNames) {
     EXPECT_STREQ(PidText(4294967295u, text), "4294967295");
 }
 
-// Descriptor counts: a reuse repeats what the last read gave, with its age; after a failed read a
-// count is kept as stale until it is 10 s old, then the errno decides.
+// Descriptor counts: what the last read gave is reused while that read is at most 999,999,999 ns
+// old; after a failed read a count is kept as stale while it is younger than 2 s, then the errno
+// decides.
 TEST(DescriptorCountTest, ReuseAndFailureRules) {
+    struct Step {
+        std::uint64_t atNs;
+        std::optional<DirectoryCount> read;  // none: reused when not due
+        bool due;
+        MetricAvailability availability;
+        std::uint64_t value;
+        std::uint64_t ageNs;
+        std::uint64_t lastGoodGeneration;
+    };
+    constexpr int kDenied = EACCES;
+    const std::vector<Step> steps = {
+        {5, std::nullopt, true, MetricAvailability::notYetAvailable, 0, 0, 0},
+        {1'000, DirectoryCount{7, 0}, true, MetricAvailability::valid, 7, 0, 2},
+        {1'000 + 999'999'999, std::nullopt, false, MetricAvailability::valid, 7, 999'999'999, 2},
+        {1'000 + 1'000'000'000, DirectoryCount{0, kDenied}, true, MetricAvailability::stale, 7, 1'000'000'000, 2},
+        {1'000 + 1'999'999'999, std::nullopt, false, MetricAvailability::stale, 7, 1'999'999'999, 2},
+        {1'000 + 2'000'000'000, DirectoryCount{0, kDenied}, true, MetricAvailability::accessDenied, 0, 0, 0},
+        {1'000 + 2'500'000'000, std::nullopt, false, MetricAvailability::accessDenied, 0, 0, 0},
+        {1'000 + 3'000'000'001, DirectoryCount{0, ESRCH}, true, MetricAvailability::notYetAvailable, 0, 0, 0},
+        {1'000 + 4'000'000'002, DirectoryCount{0, 0}, true, MetricAvailability::zero, 0, 0, 9},
+        {1'000 + 3'000'000'000, DirectoryCount{4, 0}, true, MetricAvailability::valid, 4, 0, 10},  // clock went back
+    };
     DescriptorCountState state;
     core::Metric<std::uint64_t> metric;
-    ApplyDescriptorCount(state, nullptr, 5, 1, metric);
-    EXPECT_EQ(metric.availability, MetricAvailability::notYetAvailable) << "nothing read yet";
-    DirectoryCount ok{7, 0};
-    ApplyDescriptorCount(state, &ok, 1'000, 3, metric);
-    EXPECT_EQ(metric.value, 7u);
-    EXPECT_EQ(metric.availability, MetricAvailability::valid);
-    EXPECT_EQ(metric.sampleAgeNs, 0u);
-
-    ApplyDescriptorCount(state, nullptr, 1'000 + 4'500'000'000, 4, metric);
-    EXPECT_EQ(metric.value, 7u);
-    EXPECT_EQ(metric.availability, MetricAvailability::valid);
-    EXPECT_EQ(metric.lastGoodGeneration, 3u) << "a reused count keeps the generation it was read in";
-    EXPECT_EQ(metric.sampleAgeNs, 4'500'000'000u);
-
-    const DirectoryCount denied{0, EACCES};
-    ApplyDescriptorCount(state, &denied, 1'000 + 5'000'000'000, 5, metric);
-    EXPECT_EQ(metric.availability, MetricAvailability::stale);
-    EXPECT_EQ(metric.value, 7u);
-    EXPECT_EQ(state.readNs, 1'000u) << "a kept count keeps its old read time";
-    ApplyDescriptorCount(state, nullptr, 1'000 + 9'999'999'999, 6, metric);
-    EXPECT_EQ(metric.availability, MetricAvailability::stale) << "a reused failure stays stale, not valid";
-    EXPECT_EQ(metric.sampleAgeNs, 9'999'999'999u);
-
-    ApplyDescriptorCount(state, &denied, 1'000 + 10'000'000'000, 7, metric);
-    EXPECT_EQ(metric.availability, MetricAvailability::accessDenied);
-    EXPECT_FALSE(metric.value.has_value());
-    ApplyDescriptorCount(state, nullptr, 1'000 + 12'000'000'000, 8, metric);
-    EXPECT_EQ(metric.availability, MetricAvailability::accessDenied) << "reused until the next read";
-    const DirectoryCount gone{0, ESRCH};
-    ApplyDescriptorCount(state, &gone, 1'000 + 15'000'000'000, 9, metric);
-    EXPECT_EQ(metric.availability, MetricAvailability::notYetAvailable);
-    const DirectoryCount none{0, 0};
-    ApplyDescriptorCount(state, &none, 1'000 + 20'000'000'000, 10, metric);
-    EXPECT_EQ(metric.availability, MetricAvailability::zero);
-    EXPECT_EQ(metric.sampleAgeNs, 0u);
-}
-
-// Reads of quiet processes: at most every interval (less the slack), the first one after first sight
-// sooner by pid so that a crowd first seen together spreads over five ticks.
-TEST(RefreshScheduleTest, FirstReadsSpreadOverFiveTicksThenEveryInterval) {
-    constexpr std::uint64_t kSecond = 1'000'000'000;
-    std::vector<int> dueAt(kRefreshPhases, 0);
-    for (std::uint32_t pid = 100; pid < 100 + 5 * kRefreshPhases; ++pid) {
-        const std::uint64_t due = NextReadNs(10 * kSecond, 5 * kSecond, pid, true);
-        int tick = 1;
-        while (!ReadDue(due, 5 * kSecond, (10 + tick) * kSecond)) ++tick;
-        ASSERT_LE(tick, 5) << pid;
-        ++dueAt[tick - 1];
-        EXPECT_FALSE(ReadDue(due, 5 * kSecond, 10 * kSecond + 500'000'000)) << "never within a tick of the read";
+    std::uint64_t generation = 0;
+    for (const Step& step : steps) {
+        ++generation;
+        EXPECT_EQ(DescriptorCountDue(state, step.atNs), step.due) << step.atNs;
+        metric = {};
+        ApplyDescriptorCount(state, step.read ? &*step.read : nullptr, step.atNs, generation, metric);
+        EXPECT_EQ(metric.availability, step.availability) << step.atNs;
+        EXPECT_EQ(metric.value.value_or(0), step.value) << step.atNs;
+        EXPECT_EQ(metric.value.has_value(), core::CarriesValue(step.availability)) << step.atNs;
+        if (metric.value) {
+            EXPECT_EQ(metric.sampleAgeNs, step.ageNs) << step.atNs;
+            EXPECT_EQ(metric.lastGoodGeneration, step.lastGoodGeneration) << step.atNs;
+        }
     }
-    EXPECT_EQ(dueAt, (std::vector<int>(kRefreshPhases, 5))) << "the same share of pids on each of five ticks";
-
-    const std::uint64_t due = NextReadNs(20 * kSecond, 5 * kSecond, 104, false);
-    EXPECT_FALSE(ReadDue(due, 5 * kSecond, 24 * kSecond));
-    EXPECT_TRUE(ReadDue(due, 5 * kSecond, 25 * kSecond - 3'000'000)) << "a tick a few ms early is on time";
-    EXPECT_TRUE(ReadDue(due, 5 * kSecond, 26 * kSecond));
-    EXPECT_TRUE(ReadDue(due, 5 * kSecond, 19 * kSecond)) << "a clock that went back";
-}
-
-TEST(RefreshScheduleTest, StatusMarksFollowCpuMemoryAndFaults) {
-    const std::optional<ParsedProcStat> base =
-        ParseProcPidStat("42 (x) S 1 1 1 0 -1 0 10 0 2 0 30 40 0 0 20 0 1 0 900 4096 77 0\n", 42);
-    ASSERT_TRUE(base);
-    const StatusMarks marks = MarksOf(*base);
-    EXPECT_EQ(marks, (StatusMarks{70, 77, 10, 2}));
-    const std::vector<std::function<void(ParsedProcStat&)>> moves = {
-        [](ParsedProcStat& s) { ++s.utime; }, [](ParsedProcStat& s) { ++s.stime; },
-        [](ParsedProcStat& s) { --s.rss; },   [](ParsedProcStat& s) { ++s.minflt; },
-        [](ParsedProcStat& s) { ++s.majflt; }};
-    for (std::size_t i = 0; i < moves.size(); ++i) {
-        ParsedProcStat moved = *base;
-        moves[i](moved);
-        EXPECT_NE(MarksOf(moved), marks) << "move " << i;
-    }
-    ParsedProcStat quiet = *base;
-    quiet.vsize += 4096;
-    quiet.state = 'R';
-    EXPECT_EQ(MarksOf(quiet), marks) << "what status does not report leaves the marks alone";
 }
 
 std::uint32_t lookups = 0;

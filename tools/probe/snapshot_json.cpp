@@ -51,6 +51,7 @@ void WriteProcess(JsonWriter& w, const core::ProcessSnapshot& p) {
     WriteKey(w, "parentKey", p.parentKey);
     WriteMember(w, "name", p.name);
     WriteMember(w, "executablePath", p.executablePath);
+    WriteMember(w, "commandLine", p.commandLine);
     WriteMember(w, "userName", p.userName);
     WriteMember(w, "state", core::ToString(p.state));
     WriteMember(w, "group", core::ToString(p.group));
