@@ -16,6 +16,7 @@
 #include "providers/smart_reader.h"
 #include "providers/steady_clock.h"
 #include "providers/system_metadata.h"
+#include "providers/volume_collector.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -100,6 +101,7 @@ public:
           gpus_(roots_),
           sensors_(roots_),
           smart_(roots_),
+          volumes_(roots_),
           capabilities_(InitialCapabilityTable(installedApps_)) {}
 
     core::ISnapshotSource& SnapshotSource() override { return *this; }
@@ -142,6 +144,8 @@ private:
     GpuCollector gpus_;
     SensorCollector sensors_;
     SmartReader smart_;
+    VolumeCollector volumes_;
+    core::TelemetryAppearance appearance_;
     ProviderHealthTracker health_;
     InstalledAppsCapability installedApps_;
 
@@ -290,6 +294,8 @@ std::shared_ptr<core::SystemSnapshot> LinuxPlatformServices::Collect(const core:
     if (auto row = s.capabilities.find("storage.smart"); row != s.capabilities.end()) {
         row->second.support = smartStage.capability;
     }
+    core::AddVolumeTelemetry(frame, volumes_.Collect(ctx));
+    appearance_.Stamp(frame);
     s.telemetry = std::make_shared<const core::HardwareTelemetryFrame>(std::move(frame));
     if (stop.stop_requested()) return nullptr;
 

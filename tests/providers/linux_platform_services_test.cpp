@@ -11,6 +11,7 @@
 #include <fstream>
 #include <map>
 #include <mutex>
+#include <set>
 #include <unistd.h>
 
 namespace korv::providers {
@@ -194,6 +195,43 @@ TEST_F(FixtureMachineTest, MissingProcfsIsReportedPerProvider) {
         EXPECT_EQ(rows[c.systemRow].diagnostic, c.diagnostic);
         EXPECT_EQ(snapshot->memoryTotalBytes.value.has_value(), c.meminfo != nullptr);
     }
+}
+
+TEST_F(FixtureMachineTest, MountedVolumesAndTheAppearanceStampReachTheFrame) {
+    fs::create_directories(dir / "proc/self");
+    fs::create_directories(dir / "sys");
+    const auto writeMounts = [&](const std::string& text) { std::ofstream(dir / "proc/self/mountinfo") << text; };
+    writeMounts("22 1 8:2 / " + dir.string() + " rw - ext4 /dev/sda2 rw\n23 22 0:5 / /run rw - tmpfs tmpfs rw\n");
+    auto services = CreatePlatformServices(Roots());
+    auto& source = services->SnapshotSource();
+
+    const auto appearance = [](const core::HardwareTelemetryFrame& frame) {
+        std::set<std::string> stamps;
+        for (const auto& device : frame.devices) stamps.insert(device.appearanceGeneration);
+        return stamps;
+    };
+    for (std::uint64_t sequence : {1u, 2u}) {
+        auto snapshot = source.Collect(Request(sequence, sequence == 1));
+        ASSERT_NE(snapshot, nullptr);
+        ASSERT_NE(snapshot->telemetry, nullptr);
+        const core::HardwareTelemetryFrame& frame = *snapshot->telemetry;
+        const core::TelemetryDevice* volume = frame.FindDevice("volume:/dev/sda2");
+        ASSERT_NE(volume, nullptr);
+        EXPECT_EQ(volume->kind, core::TelemetryDeviceKind::volume);
+        EXPECT_EQ(volume->displayName, dir.string());
+        const core::TelemetryMetric* used = frame.Find("volume.used_pct", "volume:/dev/sda2");
+        ASSERT_NE(used, nullptr);
+        ASSERT_TRUE(used->numericValue.has_value());
+        EXPECT_GE(*used->numericValue, 0.0);
+        EXPECT_LE(*used->numericValue, 100.0);
+        EXPECT_EQ(appearance(frame), std::set<std::string>{":appearance:1"});
+    }
+
+    writeMounts("23 22 0:5 / /run rw - tmpfs tmpfs rw\n");
+    auto unmounted = source.Collect(Request(3));
+    ASSERT_NE(unmounted, nullptr);
+    EXPECT_EQ(unmounted->telemetry->FindDevice("volume:/dev/sda2"), nullptr);
+    EXPECT_EQ(appearance(*unmounted->telemetry), std::set<std::string>{":appearance:2"});
 }
 
 // An NVMe drive and an amdgpu card, each with its hwmon chip, as sysfs lays them out.
