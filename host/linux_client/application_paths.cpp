@@ -1,6 +1,7 @@
 #include "host/linux_client/application_paths.h"
 
 #include <QDir>
+#include <QFile>
 #include <QStandardPaths>
 
 namespace korv::host::linux_client {
@@ -17,6 +18,11 @@ QString SettingsFilePath()
 {
     const QString folder = SettingsFolder();
     return folder.isEmpty() ? QString() : folder + QStringLiteral("/settings.json");
+}
+
+std::string SettingsFileSystemPath()
+{
+    return QFile::encodeName(SettingsFilePath()).toStdString();
 }
 
 bool EnsureSettingsFolder()

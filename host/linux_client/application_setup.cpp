@@ -8,6 +8,7 @@
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
+#include <string>
 #include <vector>
 
 #include <QApplication>
@@ -107,19 +108,19 @@ int RunSettingsReset(int& argc, char* argv[])
 {
     QCoreApplication application(argc, argv);
     ApplyApplicationIdentity();
-    const QByteArray path = SettingsFilePath().toLocal8Bit();
-    const core::SettingsResetResult result = core::SettingsStore::Reset(path.toStdString());
+    const std::string path = SettingsFileSystemPath();
+    const core::SettingsResetResult result = core::SettingsStore::Reset(path);
     switch (result.status) {
     case core::SettingsResetStatus::removed:
-        std::printf("Cleared %s.\n", path.constData());
+        std::printf("Cleared %s.\n", path.c_str());
         return 0;
     case core::SettingsResetStatus::absent:
-        std::printf("No settings file at %s.\n", path.constData());
+        std::printf("No settings file at %s.\n", path.c_str());
         return 0;
     case core::SettingsResetStatus::failed:
         break;
     }
-    std::fprintf(stderr, "error: could not clear %s: %s\n", path.constData(), result.error.c_str());
+    std::fprintf(stderr, "error: could not clear %s: %s\n", path.c_str(), result.error.c_str());
     return 1;
 }
 

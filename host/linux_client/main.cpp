@@ -2,6 +2,7 @@
 #include <exception>
 #include <memory>
 #include <optional>
+#include <string>
 #include <utility>
 
 #include <QApplication>
@@ -22,11 +23,11 @@ namespace {
 
 korv::core::SettingsLoadResult LoadSettings()
 {
-    const QString path = lc::SettingsFilePath();
-    if (path.isEmpty()) {
+    const std::string path = lc::SettingsFileSystemPath();
+    if (path.empty()) {
         return {};
     }
-    return korv::core::SettingsStore::Load(path.toLocal8Bit().toStdString());
+    return korv::core::SettingsStore::Load(path);
 }
 
 void ShowStartFailure(const QString& reason)

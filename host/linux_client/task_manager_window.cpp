@@ -679,7 +679,7 @@ TaskManagerWindow::TaskManagerWindow(SmokeOptions options, core::SettingsLoadRes
     : QMainWindow(parent), impl_(std::make_unique<Impl>(*this, std::move(options), std::move(settings))) {
     Impl& d = *impl_;
     d.mailbox = std::make_unique<SnapshotMailbox>(this);
-    d.saver = std::make_unique<SettingsSaver>(SettingsFilePath().toStdString());
+    d.saver = std::make_unique<SettingsSaver>(SettingsFileSystemPath());
     d.perCoreCpu = d.settings.perCoreCpuStatistics;
 
     if (ApplyApplicationFont(QString::fromStdString(d.settings.applicationFont))) {
