@@ -66,20 +66,21 @@ void FillRowTexts(const core::ProcessSnapshot& process, ProcessRowValues& values
     values.userNameAvailability =
         process.userName.empty() ? core::MetricAvailability::notYetAvailable : core::MetricAvailability::valid;
     values.applicationKey = QString::fromStdString(process.applicationKey);
-    // The sample carries the executable path as the process's command; a kernel thread has none.
-    values.commandLine = QString::fromStdString(process.executablePath);
-    values.commandLineAvailability = process.executablePath.empty() ? core::MetricAvailability::notApplicable
-                                                                    : core::MetricAvailability::valid;
+    // A process whose command line cannot be read shows its executable; a kernel thread has neither.
+    const QString executable = QString::fromStdString(process.executablePath);
+    values.commandLine = process.commandLine.empty() ? executable : QString::fromStdString(process.commandLine);
+    values.commandLineAvailability = values.commandLine.isEmpty() ? core::MetricAvailability::notApplicable
+                                                                  : core::MetricAvailability::valid;
     const QChar lineFeed(u'\n');
     QString search;
-    search.reserve(values.name.size() + values.userName.size() + 2 * values.commandLine.size() + 16);
+    search.reserve(values.name.size() + values.userName.size() + values.commandLine.size() + executable.size() + 16);
     search += values.name;
     search += lineFeed;
     search += values.userName;
     search += lineFeed;
     search += values.commandLine;
     search += lineFeed;
-    search += values.commandLine;
+    search += executable;
     search += lineFeed;
     search += QString::number(process.key.pid);
     values.searchText = std::move(search);
@@ -87,7 +88,7 @@ void FillRowTexts(const core::ProcessSnapshot& process, ProcessRowValues& values
 
 bool RowTextsDiffer(const core::ProcessSnapshot& a, const core::ProcessSnapshot& b) noexcept {
     return a.name != b.name || a.userName != b.userName || a.applicationKey != b.applicationKey ||
-           a.executablePath != b.executablePath || a.key.pid != b.key.pid;
+           a.executablePath != b.executablePath || a.commandLine != b.commandLine || a.key.pid != b.key.pid;
 }
 
 }  // namespace korv::host::linux_client

@@ -96,6 +96,35 @@ INSTANTIATE_TEST_SUITE_P(
                       FilterCase{"nothing", "no such process", {}}),
     [](const auto& testInfo) { return std::string(testInfo.param.name); });
 
+// The Command column shows the command line, so that an argument finds its process; a process whose
+// command line could not be read shows its executable, and a kernel thread shows nothing.
+TEST_F(ProcessFilterProxyTest, TheCommandColumnShowsTheArgumentsThatTheFilterFinds) {
+    const auto apply = [this](std::uint64_t generation, const char* pythonCommand) {
+        auto snapshot = ScriptedSnapshot(generation, {Scripted(10, 0, "python3"), Scripted(11, 0, "cron"),
+                                                      Scripted(12, 0, "kworker/0:1")});
+        snapshot->processes[0].commandLine = pythonCommand;
+        snapshot->processes[2].executablePath.clear();
+        model_.ApplySnapshot(snapshot);
+    };
+    apply(1, "/usr/bin/python3 -m http.server 8080");
+    const int command = static_cast<int>(ProcessTableColumn::command);
+    const auto shown = [&](std::uint32_t pid) { return model_.IndexForKey({pid, 100}, command).data().toString(); };
+    EXPECT_EQ(shown(10), QStringLiteral("/usr/bin/python3 -m http.server 8080"));
+    EXPECT_EQ(shown(11), QStringLiteral("/usr/bin/cron"));
+    EXPECT_EQ(shown(12), QString());
+
+    proxy_.SetFilterText(QStringLiteral("HTTP.SERVER"));
+    EXPECT_EQ(VisibleNames(), (QStringList{QStringLiteral("Background processes (3)"), QStringLiteral("python3")}));
+    proxy_.SetFilterText(QStringLiteral("/usr/bin/python3"));
+    EXPECT_EQ(VisibleNames(), (QStringList{QStringLiteral("Background processes (3)"), QStringLiteral("python3")}))
+        << "the executable path is searched too";
+
+    apply(2, "/usr/bin/python3 -m pydoc -p 8000");
+    EXPECT_EQ(shown(10), QStringLiteral("/usr/bin/python3 -m pydoc -p 8000")) << "a new command line of the same key";
+    proxy_.SetFilterText(QStringLiteral("pydoc"));
+    EXPECT_EQ(VisibleNames(), (QStringList{QStringLiteral("Background processes (3)"), QStringLiteral("python3")}));
+}
+
 TEST_F(ProcessFilterProxyTest, TheFollowedRowShowsWhateverTheFilterSays) {
     Apply(1, DesktopProcesses());
     proxy_.SetFilterText(QStringLiteral("gcc"));
