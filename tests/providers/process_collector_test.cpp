@@ -339,13 +339,16 @@ TEST_P(FixtureCollectorTest, EachTickShowsWhatChangedSinceTheLastOne) {
          [](const ProcessSnapshot& r) {
              return r.workingSetBytes.value == 800u * 1024 && r.privateBytes.value == 700u * 1024;
          }},
-        {"bytes read, stat unchanged", [](FakeProcess& f) { f.io = "syscr: 9\nsyscw: 6\nread_bytes: 1052672\nwrite_bytes: 0\n"; },
+        {"bytes read, stat unchanged",
+         [](FakeProcess& f) { f.io = "syscr: 9\nsyscw: 6\nread_bytes: 1052672\nwrite_bytes: 0\n"; },
          [](const ProcessSnapshot& r) {
              return r.readBytes.value == 1052672u && r.readOperations.value == 9u &&
                     r.readBytesPerSecond.value == 1048576.0 * 4;  // 1 MiB in a quarter second
          }},
         {"moved into an application scope",
-         [](FakeProcess& f) { f.cgroup = "0::/user.slice/user-1000.slice/user@1000.service/app.slice/app-x-1.scope\n"; },
+         [](FakeProcess& f) {
+             f.cgroup = "0::/user.slice/user-1000.slice/user@1000.service/app.slice/app-x-1.scope\n";
+         },
          [](const ProcessSnapshot& r) {
              return r.group == core::ProcessGroup::apps && r.applicationKey == "linux-application-scope:app-x-1.scope";
          }},
@@ -739,8 +742,8 @@ private:
 };
 
 std::uint64_t SteadyNs() {
-    return static_cast<std::uint64_t>(
-        std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now().time_since_epoch()).count());
+    const auto sinceEpoch = std::chrono::steady_clock::now().time_since_epoch();
+    return static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::nanoseconds>(sinceEpoch).count());
 }
 
 // A worker thread that spins while the main thread sleeps: the process's CPU time moves on every tick
