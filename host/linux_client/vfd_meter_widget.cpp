@@ -35,6 +35,11 @@ QColor WithAlpha(QColor color, double alpha) {
     return color;
 }
 
+QColor Blend(const QColor& from, const QColor& to, double t) {
+    const auto mix = [t](int a, int b) { return static_cast<int>(std::lround(a + (b - a) * t)); };
+    return QColor(mix(from.red(), to.red()), mix(from.green(), to.green()), mix(from.blue(), to.blue()));
+}
+
 }  // namespace
 
 struct VfdMeterWidget::Impl {
@@ -49,6 +54,7 @@ struct VfdMeterWidget::Impl {
     int valueFontPixels = 20;
     bool colorRamp = true;
     QColor displayColor{70, 235, 200};
+    QColor textColor;  // invalid: the display colour
     QElapsedTimer lastUpdate;
     QTimer* timer = nullptr;  // made on first need
     QImage textLayer;         // value text with the grid laid over it, redrawn when its inputs change
@@ -149,7 +155,10 @@ struct VfdMeterWidget::Impl {
                (mode == TintMode::color || mode == TintMode::mono);
     }
 
-    QColor TextColor() const { return DisplayTint(LightGround() ? displayColor.darker(190) : displayColor); }
+    QColor TextColor() const {
+        const QColor base = textColor.isValid() ? textColor : displayColor;
+        return DisplayTint(LightGround() ? base.darker(190) : base);
+    }
 
     void PaintSegments(QPainter& painter) {
         const std::vector<QRectF> rects = SegmentRects();
@@ -166,35 +175,40 @@ struct VfdMeterWidget::Impl {
             painter.setBrush(ground);
             painter.drawRoundedRect(segment, 1.5, 1.5);
             const double b = motion.segments[static_cast<std::size_t>(i)];
-            if (b <= 0.0) continue;
-            if (glow > 0.0 && !lightGround) {
-                painter.setCompositionMode(QPainter::CompositionMode_Plus);
-                for (const Halo& halo : kHalos) {
-                    painter.setBrush(WithAlpha(lit, b * halo.weight * glow * 0.25));
-                    const double grow = halo.radius * 0.5;
-                    painter.drawRoundedRect(segment.adjusted(-grow, -grow, grow, grow), halo.radius, halo.radius);
+            if (b > 0.0) {
+                if (glow > 0.0 && !lightGround) {
+                    // Each halo is the segment's outline pushed out by its radius.
+                    painter.setCompositionMode(QPainter::CompositionMode_Plus);
+                    for (const Halo& halo : kHalos) {
+                        painter.setBrush(WithAlpha(lit, b * halo.weight * glow));
+                        const double r = halo.radius;
+                        painter.drawRoundedRect(segment.adjusted(-r, -r, r, r), r, r);
+                    }
                 }
+                painter.setCompositionMode(QPainter::CompositionMode_SourceOver);
+                painter.setBrush(WithAlpha(lit, b));
+                painter.drawRoundedRect(segment, 1.5, 1.5);
+                painter.save();
+                painter.setClipRect(segment);
+                painter.setCompositionMode(QPainter::CompositionMode_Plus);
+                QLinearGradient sheen(segment.topLeft(), segment.bottomLeft());
+                const QColor white = DisplayTint(QColor(255, 255, 255));
+                sheen.setColorAt(0.0, WithAlpha(white, b * 0.52));
+                sheen.setColorAt(0.3, WithAlpha(white, b * 0.12));
+                sheen.setColorAt(0.7, WithAlpha(white, b * 0.03));
+                sheen.setColorAt(1.0, WithAlpha(white, 0.0));
+                painter.setPen(Qt::NoPen);
+                painter.setBrush(sheen);
+                painter.drawRect(segment);
+                painter.restore();
             }
+            // The edge outlines dark cells too, in the colour the cell shows.
+            const QColor shown = Blend(ground, lit, std::clamp(b, 0.0, 1.0));
             painter.setCompositionMode(QPainter::CompositionMode_SourceOver);
-            painter.setBrush(WithAlpha(lit, b));
-            painter.drawRoundedRect(segment, 1.5, 1.5);
             painter.setBrush(Qt::NoBrush);
-            painter.setPen(QPen(WithAlpha(VfdEdgeColor(lit), 0.5 * b), 0.8));
+            painter.setPen(QPen(WithAlpha(VfdEdgeColor(shown), 0.5), 0.8));
             painter.drawRoundedRect(segment.adjusted(0.4, 0.4, -0.4, -0.4), 1.5, 1.5);
             painter.setPen(Qt::NoPen);
-            painter.save();
-            painter.setClipRect(segment);
-            painter.setCompositionMode(QPainter::CompositionMode_Plus);
-            const bool stacked = layout == Layout::stacked;
-            QLinearGradient sheen(segment.topLeft(), stacked ? segment.topRight() : segment.bottomLeft());
-            const QColor white = DisplayTint(QColor(255, 255, 255));
-            sheen.setColorAt(0.0, WithAlpha(white, b * 0.52));
-            sheen.setColorAt(0.3, WithAlpha(white, b * 0.12));
-            sheen.setColorAt(0.7, WithAlpha(white, b * 0.03));
-            sheen.setColorAt(1.0, WithAlpha(white, 0.0));
-            painter.setBrush(sheen);
-            painter.drawRect(segment);
-            painter.restore();
         }
         painter.setCompositionMode(QPainter::CompositionMode_SourceOver);
     }
@@ -318,6 +332,14 @@ void VfdMeterWidget::SetDisplayColor(const QColor& color) {
     impl_->displayColor = color;
     update();
 }
+
+void VfdMeterWidget::SetTextColor(const QColor& color) {
+    if (color == impl_->textColor) return;
+    impl_->textColor = color;
+    update();
+}
+
+QColor VfdMeterWidget::TextColor() const { return impl_->TextColor(); }
 
 double VfdMeterWidget::Value() const { return impl_->motion.value; }
 double VfdMeterWidget::DisplayedValue() const { return impl_->motion.displayedValue; }

@@ -30,6 +30,10 @@ public:
     void SetValueFontPixelSize(int pixels);
     void SetColorRamp(bool enabled);
     void SetDisplayColor(const QColor& color);  // segments and texts without the ramp, before the tint
+    // The colour of the caption and value texts, before the tint; an invalid colour follows the
+    // display colour.
+    void SetTextColor(const QColor& color);
+    QColor TextColor() const;  // as painted, tint included
 
     double Value() const;
     double DisplayedValue() const;

@@ -1,5 +1,6 @@
 #include "host/linux_client/display_tint.h"
 #include "host/linux_client/uptime_odometer_widget.h"
+#include "host/linux_client/vfd_geometry.h"
 #include "host/linux_client/vfd_grid.h"
 #include "host/linux_client/vfd_meter_widget.h"
 
@@ -92,6 +93,92 @@ TEST_F(VfdMeterWidgetTest, PaintsLitAndUnlitSegments) {
     EXPECT_GT(litGreen, 200);
     EXPECT_LT(unlitGreen, 80);
     EXPECT_GT(unlitGreen, 20);  // dark segments stay faintly visible
+}
+
+// A bare meter on black with only the first of its segments lit, drawn in pure green.
+class VfdPaintTest : public ::testing::Test {
+protected:
+    VfdPaintTest() {
+        SetDisplayTint(TintMode::color, 1.0);
+        QPalette dark = meter.palette();
+        dark.setColor(QPalette::Window, Qt::black);
+        meter.setPalette(dark);
+        meter.SetColorRamp(false);
+        meter.SetDisplayColor(QColor(0, 255, 0));
+        meter.SetAnimationFps(0);
+    }
+    QImage Paint(double value) {
+        meter.SetValue(value);
+        return meter.grab().toImage();
+    }
+    VfdMeterWidget meter;
+};
+
+// The widest halo reaches 15.75 px beyond the segment with alpha b x 0.32 x bloom; the inner ones
+// stop at 9 px, so 12.5 px above the segment only the widest one shows.
+TEST_F(VfdPaintTest, TheHaloReachesItsRadiusAtItsFullWeight) {
+    struct Case {
+        double bloom;
+        int green;
+    };
+    for (const Case c : {Case{1.0, 82}, Case{0.5, 41}, Case{5.0, 98}, Case{0.0, 0}}) {
+        meter.resize(200, 44);
+        meter.SetBloom(c.bloom);
+        const QImage image = Paint(3.0);
+        const std::vector<QRectF> segments = VfdSegmentRects(QRectF(0, 0, 200, 44), false);
+        ASSERT_GT(segments.size(), 3U);
+        const QRectF first = segments.front();
+        const int x = static_cast<int>(first.center().x());
+        const int y = static_cast<int>(first.top() - 12.5);
+        ASSERT_GE(y, 0);
+        EXPECT_NEAR(qGreen(image.pixel(x, y)), c.green, 4) << "bloom " << c.bloom;
+        EXPECT_EQ(qRed(image.pixel(x, y)), 0) << "bloom " << c.bloom;
+        // Next to the segment all three halos add up and saturate the green.
+        if (c.bloom >= 0.5) {
+            EXPECT_GT(qGreen(image.pixel(x, static_cast<int>(first.top()) - 3)), 240);
+        }
+    }
+}
+
+// The sheen runs from the top of a segment to its bottom in either layout.
+TEST_F(VfdPaintTest, TheSheenRunsDownEachSegmentInBothLayouts) {
+    meter.SetBloom(0.0);
+    for (const bool stacked : {false, true}) {
+        meter.SetLayout(stacked ? VfdMeterWidget::Layout::stacked : VfdMeterWidget::Layout::horizontal);
+        meter.resize(stacked ? QSize(60, 200) : QSize(200, 44));
+        const QImage image = Paint(100.0);
+        QRectF segment = VfdSegmentRects(QRectF(0, 0, 200, 44), false).front();
+        if (stacked) {
+            // The stacked bar ends above the value line: find the topmost lit cell in the middle.
+            int y = 0;
+            while (y < image.height() && qGreen(image.pixel(30, y)) < 150) ++y;
+            ASSERT_LT(y, image.height());
+            segment = QRectF(StackedVfdMargin(60), y, 60 - 2 * StackedVfdMargin(60), 8);
+        }
+        const int left = static_cast<int>(segment.left()) + 2;
+        const int right = static_cast<int>(segment.right()) - 2;
+        const int top = static_cast<int>(segment.top()) + 1;
+        const int bottom = static_cast<int>(segment.bottom()) - 2;
+        // White light over pure green shows in the red channel.
+        EXPECT_GT(qRed(image.pixel(left, top)), qRed(image.pixel(left, bottom)) + 15) << "stacked " << stacked;
+        EXPECT_NEAR(qRed(image.pixel(left, top)), qRed(image.pixel(right, top)), 6) << "stacked " << stacked;
+    }
+}
+
+// Dark segments keep a fine edge line, so the cells stay outlined.
+TEST_F(VfdPaintTest, UnlitSegmentsHaveTheirEdgeLine) {
+    meter.SetBloom(0.0);
+    meter.resize(200, 44);
+    const QImage image = Paint(0.0);
+    const QRectF segment = VfdSegmentRects(QRectF(0, 0, 200, 44), false).back();
+    const int x = static_cast<int>(segment.center().x());
+    const int middle = qGreen(image.pixel(x, static_cast<int>(segment.center().y())));
+    int edge = 0;
+    for (int y = static_cast<int>(segment.top()); y <= static_cast<int>(segment.top()) + 1; ++y) {
+        edge = std::max(edge, qGreen(image.pixel(x, y)));
+    }
+    EXPECT_GT(middle, 20);
+    EXPECT_GT(edge, middle + 8);
 }
 
 TEST(VfdGridTest, TintsByLuminanceAndKeepsAlpha) {
