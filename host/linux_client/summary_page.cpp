@@ -31,6 +31,14 @@ namespace {
 
 QString Tr(const char* text) { return QCoreApplication::translate("QMainWindow", text); }
 
+// The `vfdTextColor` words; "automatic" (or anything else) keeps each meter's own colour.
+QColor VfdTextColorFor(const std::string& word) {
+    if (word == "green") return QColor(80, 255, 120);
+    if (word == "blue") return QColor(90, 190, 255);
+    if (word == "amber") return QColor(255, 176, 0);
+    return {};
+}
+
 // Whether a sensor has reported, is still to report, or does not exist on this machine. Sources the
 // platform lacks (or may never read) do not hold back "Ready!".
 enum class SensorState { reported, waiting, absent };
@@ -96,6 +104,7 @@ struct SummaryPage::Impl {
     SummaryTopList* memoryList = nullptr;
     SummaryFooterTiles* footer = nullptr;
     std::shared_ptr<const core::SystemSnapshot> last;
+    std::function<void(core::DeviceKind)> showDevice;
     core::SystemPressure pressure;
     bool ready = false;
     double clockPeak = 0.0;
@@ -180,7 +189,13 @@ struct SummaryPage::Impl {
         layout->addLayout(lists, 1);
 
         footer = new SummaryFooterTiles(owner);
-        footer->SetOnShowDevice([this](core::DeviceKind) { if (env.showPage) env.showPage(kPerformanceStackIndex); });
+        footer->SetOnShowDevice([this](core::DeviceKind kind) {
+            if (showDevice) {
+                showDevice(kind);
+            } else if (env.showPage) {
+                env.showPage(kPerformanceStackIndex);
+            }
+        });
         footer->SetOnExplainPressure([this] { owner->ExplainPressure(); });
         layout->addWidget(footer);
     }
@@ -237,18 +252,30 @@ struct SummaryPage::Impl {
             ready = std::none_of(sensors.begin(), sensors.end(), [](const Reading& r) { return r.state == SensorState::waiting; });
             heading->setText(ready ? Tr("Ready!") : Tr("Waiting for all sensors to report..."));
         }
+    }
+
+    // Once for each snapshot, never again for the same one.
+    void AddToAverages(const core::SystemSnapshot& s) {
+        const Reading cpu = FromMetric(s.cpuUtilization);
         if (cpu.value) {
             cpuSum += *cpu.value;
             ++cpuCount;
         }
-        if (inUse.value && total.value) {
-            memorySum += memoryPercent;
+        const Reading inUse = FromMetric(s.memoryInUseBytes);
+        const Reading total = FromMetric(s.memoryTotalBytes);
+        if (inUse.value && total.value && *total.value > 0.0) {
+            memorySum += *inUse.value / *total.value * 100.0;
             ++memoryCount;
         }
     }
 
+    std::uint32_t HiddenPid() const {
+        if (env.settings && env.settings->showSelfInReports) return 0;
+        return static_cast<std::uint32_t>(QCoreApplication::applicationPid());
+    }
+
     void UpdateLists(const core::SystemSnapshot& s) {
-        const auto hidden = static_cast<std::uint32_t>(QCoreApplication::applicationPid());
+        const std::uint32_t hidden = HiddenPid();
         cpuList->SetRows(TopProcessRows(s, TopListKind::cpu, cpuList->RowLimit(), hidden));
         memoryList->SetRows(TopProcessRows(s, TopListKind::memory, memoryList->RowLimit(), hidden));
         cpuList->SetAverage(Tr("Average CPU Use") + QStringLiteral(": ") +
@@ -283,6 +310,7 @@ void SummaryPage::ApplySnapshot(const std::shared_ptr<const core::SystemSnapshot
     impl_->odometer->SetUptimeSeconds(snapshot->uptimeNs / 1000000000ULL);
     impl_->pressure = core::ComputeSystemPressure(*snapshot);
     impl_->UpdateConsole(*snapshot);
+    impl_->AddToAverages(*snapshot);
     impl_->FitRows();
     impl_->UpdateLists(*snapshot);
     impl_->footer->Update(*snapshot, impl_->pressure);
@@ -292,15 +320,29 @@ void SummaryPage::SettingsChanged() {
     const core::Settings* settings = impl_->env.settings;
     const int fps = settings ? static_cast<int>(settings->visualFrameRate) : 60;
     const double bloom = VfdBloomForLevel(settings ? settings->visualBloomLevel : 7U);
+    const QColor textColor = VfdTextColorFor(settings ? core::StringPreference(*settings, "vfdTextColor", "automatic") : "");
     for (const ConsoleMeter& meter : impl_->meters) {
         meter.widget->SetAnimationFps(fps);
         meter.widget->SetBloom(bloom);
+        meter.widget->SetTextColor(textColor);
     }
     impl_->footer->SetAnimation(fps, bloom);
+    for (SummaryTile* tile : {impl_->footer->WholeMachine(), impl_->footer->Gpus(), impl_->footer->Storage(),
+                              impl_->footer->Network()}) {
+        tile->Meter()->SetTextColor(textColor);
+    }
     impl_->odometer->SetAnimationFps(fps);
     impl_->odometer->setVisible(settings ? settings->uptimeVisible : true);
-    if (impl_->last) impl_->UpdateConsole(*impl_->last);
+    if (impl_->last) {
+        // The same sample shown again in the new units or with the own process: no new average.
+        impl_->UpdateConsole(*impl_->last);
+        impl_->UpdateLists(*impl_->last);
+    }
     update();
+}
+
+void SummaryPage::SetOnShowDevice(std::function<void(core::DeviceKind)> callback) {
+    impl_->showDevice = std::move(callback);
 }
 
 QString SummaryPage::HeadingText() const { return impl_->heading->text(); }
@@ -312,7 +354,7 @@ UptimeOdometerWidget* SummaryPage::Odometer() const { return impl_->odometer; }
 
 void SummaryPage::ExplainPressure() {
     if (!impl_->last) return;
-    ShowSystemPressureDialog(this, impl_->pressure, *impl_->last, static_cast<std::uint32_t>(QCoreApplication::applicationPid()));
+    ShowSystemPressureDialog(this, impl_->pressure, *impl_->last, impl_->HiddenPid());
 }
 
 void SummaryPage::resizeEvent(QResizeEvent* event) {

@@ -2,6 +2,7 @@
 
 #include "host/linux_client/snapshot_page.h"
 
+#include <functional>
 #include <memory>
 
 namespace korv::host::linux_client {
@@ -21,6 +22,9 @@ public:
 
     void ApplySnapshot(const std::shared_ptr<const core::SystemSnapshot>& snapshot) override;
     void SettingsChanged() override;  // frame rate, bloom, uptime visible, temperature unit, display mode
+    // A click on a device tile: the Performance page on that kind of device. Without it the tile
+    // only turns to the Performance page.
+    void SetOnShowDevice(std::function<void(core::DeviceKind)> callback);
 
     // For tests and the capture path.
     QString HeadingText() const;

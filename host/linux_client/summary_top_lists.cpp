@@ -12,6 +12,7 @@
 #include <QVBoxLayout>
 
 #include <algorithm>
+#include <optional>
 #include <cmath>
 
 namespace korv::host::linux_client {
@@ -60,13 +61,15 @@ std::vector<TopProcessRow> TopProcessRows(const core::SystemSnapshot& snapshot, 
 struct SummaryTopList::Impl {
     TopListKind kind = TopListKind::cpu;
     int rowLimit = 10;
+    std::optional<int> listed;  // rows shown; none before the first snapshot
     QPushButton* heading = nullptr;
     QLabel* average = nullptr;
     QTableWidget* table = nullptr;
     std::function<void()> onHeading;
 
     QString Heading() const {
-        return kind == TopListKind::cpu ? Tr("Top %1 CPU Processes").arg(rowLimit) : Tr("Top %1 Mem Processes").arg(rowLimit);
+        const int count = listed.value_or(rowLimit);
+        return kind == TopListKind::cpu ? Tr("Top %1 CPU Processes").arg(count) : Tr("Top %1 Mem Processes").arg(count);
     }
 };
 
@@ -126,6 +129,9 @@ void SummaryTopList::SetRows(const std::vector<TopProcessRow>& rows) {
     QTableWidget* table = impl_->table;
     const int count = static_cast<int>(std::min<std::size_t>(rows.size(), static_cast<std::size_t>(impl_->rowLimit)));
     table->setRowCount(count);
+    impl_->listed = count;
+    const QString heading = impl_->Heading();
+    if (impl_->heading->text() != heading) impl_->heading->setText(heading);
     for (int i = 0; i < count; ++i) {
         const TopProcessRow& row = rows[static_cast<std::size_t>(i)];
         const QString value = impl_->kind == TopListKind::cpu ? FormatPercent(row.value)

@@ -254,6 +254,10 @@ QWidget* TaskManagerWindow::Impl::CreatePage(int stackIndex, QWidget* parent) {
     case kPowerAndFreqStackIndex:
         page = powerFreqPage = new PowerFreqPage(MakePageEnvironment(), parent);
         break;
+        summaryPage->SetOnShowDevice([this](core::DeviceKind kind) {
+            if (performancePage != nullptr) performancePage->SelectDevice(kind);
+            SelectStackIndex(kPerformanceStackIndex);
+        });
     case kSettingsStackIndex:
         page = settingsPage = new SettingsPage(MakePageEnvironment(), parent);
         break;

@@ -1,4 +1,5 @@
 #include "core/telemetry_frame.h"
+#include "host/linux_client/display_tint.h"
 #include "host/linux_client/page_catalog.h"
 #include "host/linux_client/summary_footer_tiles.h"
 #include "host/linux_client/summary_page.h"
@@ -9,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include <QCoreApplication>
+#include <QImage>
 #include <QTableWidget>
 #include <QPushButton>
 #include <QTest>
@@ -139,7 +141,10 @@ TEST_F(SummaryPageTest, TopListsOrderLimitAndHideOwnProcess) {
     EXPECT_EQ(memory->item(0, 1)->text(), QStringLiteral("PID 12"));
     EXPECT_EQ(memory->horizontalHeaderItem(2)->text(), QStringLiteral("Memory"));
     EXPECT_LE(page->CpuList()->RowLimit(), kMaximumTopRows);
-    EXPECT_EQ(page->CpuList()->HeadingText(), QStringLiteral("Top %1 CPU Processes").arg(page->CpuList()->RowLimit()));
+    ASSERT_GT(page->CpuList()->RowLimit(), 3) << "the list has room for more than it lists";
+    EXPECT_EQ(page->CpuList()->HeadingText(), QStringLiteral("Top 3 CPU Processes"));
+    EXPECT_EQ(page->MemoryList()->HeadingText(), QStringLiteral("Top 4 Mem Processes"))  // memory of the NaN row counts
+        << page->MemoryList()->HeadingText().toStdString();
     EXPECT_EQ(page->CpuList()->AverageText(), QStringLiteral("Average CPU Use: 42.0%"));
 
     core::SystemSnapshot many;
@@ -166,6 +171,68 @@ TEST_F(SummaryPageTest, TilesTextsAndClicks) {
     EXPECT_EQ(shownPages.back(), kPerformanceStackIndex);
     page->CpuList()->findChild<QPushButton*>()->click();
     EXPECT_EQ(shownPages.back(), kProcessesStackIndex);
+}
+
+TEST_F(SummaryPageTest, TheOwnProcessIsListedWhenTheUserAsksForIt) {
+    page->ApplySnapshot(Snapshot(true));
+    ASSERT_EQ(page->CpuList()->Table()->rowCount(), 3);
+    settings.showSelfInReports = true;
+    page->SettingsChanged();
+    QTableWidget* cpu = page->CpuList()->Table();
+    ASSERT_EQ(cpu->rowCount(), 4);
+    EXPECT_EQ(cpu->item(0, 1)->text(), QStringLiteral("korv"));
+    EXPECT_EQ(page->CpuList()->HeadingText(), QStringLiteral("Top 4 CPU Processes"));
+    EXPECT_EQ(page->MemoryList()->Table()->item(0, 1)->text(), QStringLiteral("korv"));
+}
+
+// A change of settings shows the same sample again; it is no new sample for the averages.
+TEST_F(SummaryPageTest, SettingsChangesDoNotCountTheLastSampleAgain) {
+    page->ApplySnapshot(Snapshot(true));
+    settings.temperatureUnit = core::TemperatureUnit::fahrenheit;
+    page->SettingsChanged();
+    page->SettingsChanged();
+    auto next = Snapshot(true);
+    next->cpuUtilization.Set(10.0);
+    next->memoryInUseBytes.Set(4ULL << 30);
+    page->ApplySnapshot(next);
+    EXPECT_EQ(page->CpuList()->AverageText(), QStringLiteral("Average CPU Use: 26.0%"));
+    EXPECT_EQ(page->MemoryList()->AverageText(), QStringLiteral("Average Mem Use: 37.5%"));
+}
+
+// The value texts of the meters take the chosen VFD colour; "automatic" keeps the meter's own.
+TEST_F(SummaryPageTest, VfdTextColourTintsTheMeterTexts) {
+    SetDisplayTint(TintMode::color, 1.0);
+    settings.visualBloomLevel = 1;  // no halo over the text
+    QPalette dark = page->palette();
+    dark.setColor(QPalette::Window, Qt::black);
+    page->setPalette(dark);
+    page->ApplySnapshot(Snapshot(true));
+    VfdMeterWidget* meter = page->Meter(QStringLiteral("SYS"));
+    ASSERT_NE(meter, nullptr);
+    const auto brightest = [meter] {
+        const QImage image = meter->grab().toImage();
+        QRgb best = 0;
+        for (int y = 0; y < image.height(); ++y) {
+            for (int x = image.width() - 20; x < image.width(); ++x) {
+                const QRgb p = image.pixel(x, y);
+                if (qRed(p) + qGreen(p) + qBlue(p) > qRed(best) + qGreen(best) + qBlue(best)) best = p;
+            }
+        }
+        return best;
+    };
+    core::WriteStringPreference(settings, "vfdTextColor", "amber");
+    page->SettingsChanged();
+    QRgb p = brightest();
+    EXPECT_GT(qRed(p), qGreen(p));
+    EXPECT_GT(qGreen(p), qBlue(p) + 60);
+    core::WriteStringPreference(settings, "vfdTextColor", "blue");
+    page->SettingsChanged();
+    p = brightest();
+    EXPECT_GT(qBlue(p), qRed(p) + 60);
+    core::WriteStringPreference(settings, "vfdTextColor", "automatic");
+    page->SettingsChanged();
+    p = brightest();
+    EXPECT_GT(qGreen(p), qRed(p) + 60) << "the meter's own green-blue";
 }
 
 TEST(SystemPressureTextTest, ExplanationTexts) {

@@ -5,6 +5,7 @@
 #include "host/linux_client/navigation_rail.h"
 #include "host/linux_client/settings_dialog.h"
 #include "host/linux_client/settings_page.h"
+#include "host/linux_client/summary_footer_tiles.h"
 #include "host/linux_client/page_catalog.h"
 #include "host/linux_client/performance_page.h"
 #include "host/linux_client/process_filter_proxy_model.h"
@@ -157,6 +158,28 @@ TEST_F(WindowPagesTest, PerformancePageListsTheDevicesAndTheCommandLineChoosesOn
     EXPECT_GE(page->DeviceRowTitles().size(), 3);
     EXPECT_TRUE(page->SelectedRowId().startsWith(QStringLiteral("network")))
         << page->SelectedRowId().toStdString();
+    window->close();
+}
+
+TEST_F(WindowPagesTest, ASummaryTileOpensThePerformancePageOnItsDevice) {
+    auto window = MakeWindow();
+    window->show();
+    window->SelectStackIndex(kSummaryStackIndex);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return window->DeliveredSnapshotCount() >= 1; }, kWaitMs));
+    auto* footer = window->findChild<SummaryFooterTiles*>();
+    auto* page = window->findChild<PerformancePage*>();
+    ASSERT_NE(footer, nullptr);
+    ASSERT_NE(page, nullptr);
+    struct Case {
+        SummaryTile* tile;
+        QString rowId;
+    };
+    for (const Case& c : {Case{footer->Network(), QStringLiteral("network")}, Case{footer->Storage(), QStringLiteral("disk")}}) {
+        window->SelectStackIndex(kSummaryStackIndex);
+        QTest::mouseClick(c.tile, Qt::LeftButton);
+        EXPECT_EQ(window->CurrentStackIndex(), kPerformanceStackIndex);
+        EXPECT_TRUE(page->SelectedRowId().startsWith(c.rowId)) << page->SelectedRowId().toStdString();
+    }
     window->close();
 }
 
