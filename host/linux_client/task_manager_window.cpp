@@ -241,6 +241,10 @@ QWidget* TaskManagerWindow::Impl::CreatePage(int stackIndex, QWidget* parent) {
     switch (stackIndex) {
     case kSummaryStackIndex:
         page = summaryPage = new SummaryPage(MakePageEnvironment(), parent);
+        summaryPage->SetOnShowDevice([this](core::DeviceKind kind) {
+            if (performancePage != nullptr) performancePage->SelectDevice(kind);
+            SelectStackIndex(kPerformanceStackIndex);
+        });
         break;
     case kPerformanceStackIndex:
         page = performancePage = new PerformancePage(MakePageEnvironment(), parent);
@@ -254,10 +258,6 @@ QWidget* TaskManagerWindow::Impl::CreatePage(int stackIndex, QWidget* parent) {
     case kPowerAndFreqStackIndex:
         page = powerFreqPage = new PowerFreqPage(MakePageEnvironment(), parent);
         break;
-        summaryPage->SetOnShowDevice([this](core::DeviceKind kind) {
-            if (performancePage != nullptr) performancePage->SelectDevice(kind);
-            SelectStackIndex(kPerformanceStackIndex);
-        });
     case kSettingsStackIndex:
         page = settingsPage = new SettingsPage(MakePageEnvironment(), parent);
         break;
