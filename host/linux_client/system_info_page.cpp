@@ -27,13 +27,31 @@ QString PageTr(const char* text) {
     return QCoreApplication::translate("SystemInfoPage", text);
 }
 
-void AddRow(QTreeWidgetItem* parent, QTreeWidget* tree, const SystemInfoRow& row) {
-    auto* item = parent ? new QTreeWidgetItem(parent) : new QTreeWidgetItem(tree);
-    item->setText(0, row.label);
-    item->setText(1, row.value);
-    item->setToolTip(1, row.value);
-    item->setData(0, kRowTextRole, SystemInfoRowText(row));
-    for (const SystemInfoRow& child : row.children) AddRow(item, tree, child);
+void SetRowTexts(QTreeWidgetItem* item, const SystemInfoRow& row) {
+    if (item->text(0) != row.label) item->setText(0, row.label);
+    if (item->text(1) != row.value) {
+        item->setText(1, row.value);
+        item->setToolTip(1, row.value);
+    }
+    const QString text = SystemInfoRowText(row);
+    if (item->data(0, kRowTextRole).toString() != text) item->setData(0, kRowTextRole, text);
+}
+
+// Brings the items under `parent` (the tree's top level when null) to `rows`, place by place: the
+// items that stay are the same objects, so the selection, the current item and each heading's
+// folded state survive a sample. Only items made here are unfolded.
+void SyncRows(QTreeWidget* tree, QTreeWidgetItem* parent, const std::vector<SystemInfoRow>& rows) {
+    const auto count = [&] { return parent ? parent->childCount() : tree->topLevelItemCount(); };
+    const auto at = [&](int i) { return parent ? parent->child(i) : tree->topLevelItem(i); };
+    while (count() > static_cast<int>(rows.size())) delete at(count() - 1);
+    for (std::size_t i = 0; i < rows.size(); ++i) {
+        const int place = static_cast<int>(i);
+        const bool made = place >= count();
+        QTreeWidgetItem* item = made ? (parent ? new QTreeWidgetItem(parent) : new QTreeWidgetItem(tree)) : at(place);
+        SetRowTexts(item, rows[i]);
+        SyncRows(tree, item, rows[i].children);
+        if (made && !rows[i].children.empty()) item->setExpanded(true);
+    }
 }
 
 }  // namespace
@@ -50,7 +68,7 @@ struct SystemInfoPage::Impl {
 
     void Rebuild();
     void FillCategories();
-    void FillRows();
+    void FillRows(bool fresh);
     void Export(const QString& text);
 };
 
@@ -75,22 +93,16 @@ void SystemInfoPage::Impl::FillCategories() {
     categories->expandAll();
 }
 
-void SystemInfoPage::Impl::FillRows() {
-    const int scroll = rows->verticalScrollBar()->value();
-    rows->setUpdatesEnabled(false);
-    rows->clear();
-    if (const SystemInfoCategory* category = catalog.Find(currentId)) {
-        for (const SystemInfoRow& row : category->rows) AddRow(nullptr, rows, row);
-    }
-    rows->expandAll();
-    rows->setUpdatesEnabled(true);
-    rows->verticalScrollBar()->setValue(scroll);
+void SystemInfoPage::Impl::FillRows(bool fresh) {
+    if (fresh) rows->clear();
+    const SystemInfoCategory* category = catalog.Find(currentId);
+    SyncRows(rows, nullptr, category ? category->rows : std::vector<SystemInfoRow>{});
 }
 
 void SystemInfoPage::Impl::Rebuild() {
     catalog = BuildSystemInfoCatalog(snapshot ? *snapshot : core::SystemSnapshot{});
     if (categories->topLevelItemCount() == 0) FillCategories();
-    FillRows();
+    FillRows(false);
 }
 
 void SystemInfoPage::Impl::Export(const QString& text) {
@@ -145,8 +157,8 @@ SystemInfoPage::SystemInfoPage(PageEnvironment environment, QWidget* parent)
         const QString id = item->data(0, kCategoryIdRole).toString();
         if (id.isEmpty() || id == impl_->currentId) return;
         impl_->currentId = id;
+        impl_->FillRows(true);
         impl_->rows->verticalScrollBar()->setValue(0);
-        impl_->FillRows();
     });
     for (QTreeWidget* view : {impl_->categories, impl_->rows}) {
         connect(view, &QWidget::customContextMenuRequested, this, [this, view](const QPoint& position) {

@@ -276,6 +276,54 @@ TEST(SystemInfoPageTest, ShowCategoryOpensProviderDiagnostics) {
     EXPECT_EQ(page.CurrentCategoryId(), QStringLiteral("providers"));
 }
 
+// A new sample changes values where they stand: the chosen row stays chosen and a folded heading
+// stays folded.
+TEST(SystemInfoPageTest, ASampleUpdatesRowsInPlace) {
+    SystemInfoPage page(PageEnvironment{});
+    page.resize(800, 500);
+    page.show();
+    auto first = ScriptedSnapshot();
+    core::ProviderHealthRecord second;
+    second.provider = "linux.procfs";
+    first.providers.push_back(second);
+    page.ApplySnapshot(std::make_shared<const core::SystemSnapshot>(first));
+    page.ShowCategory(QStringLiteral("providers"));
+    auto* rows = page.findChild<QTreeWidget*>(QStringLiteral("SystemInfoRows"));
+    ASSERT_NE(rows, nullptr);
+    ASSERT_EQ(rows->topLevelItemCount(), 2);
+    QTreeWidgetItem* memory = rows->topLevelItem(0);
+    QTreeWidgetItem* procfs = rows->topLevelItem(1);
+    EXPECT_TRUE(memory->isExpanded());
+    memory->setExpanded(false);
+    rows->setCurrentItem(procfs->child(0));
+    QTreeWidgetItem* chosen = rows->currentItem();
+    const QString diagnostic = QStringLiteral("meminfo unreadable again");
+    const auto valueOf = [](QTreeWidgetItem* heading, const QString& label) {
+        for (int i = 0; i < heading->childCount(); ++i) {
+            if (heading->child(i)->text(0) == label) return heading->child(i)->text(1);
+        }
+        return QString();
+    };
+    ASSERT_NE(valueOf(memory, QStringLiteral("Diagnostic")), diagnostic);
+
+    auto next = first;
+    next.generation = 43;
+    next.providers[0].diagnostic = diagnostic.toStdString();
+    core::ProviderHealthRecord third;
+    third.provider = "linux.sysfs";
+    next.providers.push_back(third);
+    page.ApplySnapshot(std::make_shared<const core::SystemSnapshot>(next));
+
+    ASSERT_EQ(rows->topLevelItemCount(), 3);
+    EXPECT_EQ(rows->topLevelItem(0), memory) << "the same row, not a new one";
+    EXPECT_FALSE(memory->isExpanded()) << "a folded heading stays folded";
+    EXPECT_EQ(valueOf(memory, QStringLiteral("Diagnostic")), diagnostic);
+    EXPECT_EQ(rows->currentItem(), chosen);
+    EXPECT_TRUE(chosen->isSelected());
+    EXPECT_EQ(rows->topLevelItem(2)->text(0), QStringLiteral("linux.sysfs"));
+    EXPECT_TRUE(rows->topLevelItem(2)->isExpanded()) << "a new heading opens";
+}
+
 TEST(SystemInfoPageTest, ContextMenuOffersItsActionsInOrder) {
     SystemInfoPage page(PageEnvironment{});
     page.resize(800, 500);
