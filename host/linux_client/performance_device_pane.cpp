@@ -16,7 +16,9 @@
 #include <QToolButton>
 #include <QVBoxLayout>
 
+#include <algorithm>
 #include <array>
+#include <cmath>
 
 namespace korv::host::linux_client {
 namespace {
@@ -29,7 +31,7 @@ QString Text(const char* source) {
     return QCoreApplication::translate("PerformancePage", source);
 }
 
-enum class Scale { percent, bytes, rate };
+enum class Scale { percent, bytes, rate, watts, temperature };
 
 enum GraphsPage { kSingleGraphs = 0, kCoreGrid = 1, kEngineGrid = 2 };
 
@@ -60,6 +62,11 @@ void ShowOnly(GraphWidget* graph, const GraphFeed& feed, const std::vector<std::
     ShowSeries(*graph, 2, feed, {}, rule);
 }
 
+// The top of a graph of watts or degrees: the peak rounded up to a step of ten, at least `floor`.
+double StepScale(const std::deque<GraphPoint>& points, double floor) {
+    return std::max(floor, std::ceil(PeakValue(points) / 10.0) * 10.0);
+}
+
 }  // namespace
 
 struct PerformanceDevicePane::Impl {
@@ -67,7 +74,9 @@ struct PerformanceDevicePane::Impl {
 
     void BuildModeMenu(DeviceKind kind, const PaneView& view, bool classes);
     void ConfigureGraph(GraphWidget* graph, const QString& title, Scale scale, const GraphFeed& feed);
-    void ShowSingle(bool withSecond);
+    void ShowSingle(bool withSecond, bool withThird = false);
+    void ShowQuantity(GraphWidget* graph, QLabel* legend, const QString& graphTitle, Scale scale,
+                      const GraphFeed& feed, const std::vector<std::string>& ids, CombineRule rule, DeviceKind kind);
     void SetLegend(QLabel* legend, const std::vector<std::pair<QColor, QString>>& entries);
     void PrepareGridCell(GraphWidget* graph, const GraphFeed& feed, DeviceKind kind);
 
@@ -89,8 +98,10 @@ struct PerformanceDevicePane::Impl {
     QStackedWidget* graphs = nullptr;
     GraphWidget* main = nullptr;
     GraphWidget* second = nullptr;
+    GraphWidget* third = nullptr;
     QLabel* mainLegend = nullptr;
     QLabel* secondLegend = nullptr;
+    QLabel* thirdLegend = nullptr;
     CpuCoreGridWidget* coreGrid = nullptr;
     CpuCoreGridWidget* engineGrid = nullptr;
     DetailFieldGrid* figures = nullptr;
@@ -168,11 +179,18 @@ PerformanceDevicePane::Impl::Impl(PerformanceDevicePane* pane) : self(pane) {
     secondLegend = new QLabel(single);
     secondLegend->setObjectName(QStringLiteral("GraphLegend"));
     secondLegend->setTextFormat(Qt::RichText);
+    third = new GraphWidget(single);
+    third->setObjectName(QStringLiteral("PerformanceThirdGraph"));
+    thirdLegend = new QLabel(single);
+    thirdLegend->setObjectName(QStringLiteral("GraphLegend"));
+    thirdLegend->setTextFormat(Qt::RichText);
     singleLayout->addWidget(main, 3);
     singleLayout->addWidget(mainLegend);
     singleLayout->addSpacing(6);
     singleLayout->addWidget(second, 2);
     singleLayout->addWidget(secondLegend);
+    singleLayout->addWidget(third, 2);
+    singleLayout->addWidget(thirdLegend);
     graphs->addWidget(single);
     coreGrid = new CpuCoreGridWidget(graphs);
     graphs->addWidget(coreGrid);
@@ -255,17 +273,59 @@ void PerformanceDevicePane::Impl::ConfigureGraph(GraphWidget* graph, const QStri
         case Scale::rate:
             graph->SetValueFormatter([](double value) { return FormatRate(value); });
             break;
+        case Scale::watts:
+            graph->SetValueFormatter([](double value) { return FormatPower(value); });
+            break;
+        case Scale::temperature:
+            graph->SetValueFormatter([](double value) { return FormatTemperature(value); });
+            break;
         }
     }
 }
 
-void PerformanceDevicePane::Impl::ShowSingle(bool withSecond) {
+void PerformanceDevicePane::Impl::ShowSingle(bool withSecond, bool withThird) {
     graphs->setCurrentIndex(kSingleGraphs);
     second->setVisible(withSecond);
     if (!withSecond) {
         secondLegend->hide();
         second->Clear();
     }
+    if (!withThird) {
+        third->hide();
+        thirdLegend->hide();
+        third->Clear();
+    }
+}
+
+// A graph of one quantity, shown only while the history has it: a machine without a power or
+// temperature reading shows no empty graph.
+void PerformanceDevicePane::Impl::ShowQuantity(GraphWidget* graph, QLabel* legend, const QString& graphTitle,
+                                               Scale scale, const GraphFeed& feed, const std::vector<std::string>& ids,
+                                               CombineRule rule, DeviceKind kind) {
+    const bool any = std::any_of(ids.begin(), ids.end(), [&feed](const std::string& id) { return feed.series.Find(id) != nullptr; });
+    legend->hide();
+    if (!any) {
+        ShowOnly(graph, feed, {}, rule);
+        graph->hide();
+        return;
+    }
+    ConfigureGraph(graph, graphTitle, scale, feed);
+    graph->setAccessibleName(graphTitle);
+    graph->SetSeriesColor(0, SeriesColor(feed, kind, graph == main ? 0 : 1));
+    graph->SetSeriesFill(0, true);
+    ShowOnly(graph, feed, ids, rule);
+    switch (scale) {
+    case Scale::watts:
+        graph->SetMaximum(0, StepScale(graph->Points(0), 10.0));
+        break;
+    case Scale::temperature:
+        graph->SetMaximum(0, StepScale(graph->Points(0), 100.0));
+        break;
+    default:
+        graph->SetMaximum(0, 100.0);
+        break;
+    }
+    graph->show();
 }
 
 void PerformanceDevicePane::Impl::SetLegend(QLabel* legend, const std::vector<std::pair<QColor, QString>>& entries) {
@@ -316,7 +376,7 @@ void PerformanceDevicePane::Impl::ShowCpu(const GraphFeed& feed, const PaneView&
         return;
     }
 
-    ShowSingle(false);
+    ShowSingle(true, true);
     ConfigureGraph(main, mode == CpuGraphMode::efficiency ? Text("% Utilization by processor class")
                                                           : Text("% Utilization"),
                    Scale::percent, feed);
@@ -341,6 +401,10 @@ void PerformanceDevicePane::Impl::ShowCpu(const GraphFeed& feed, const PaneView&
             if (!slotIds.empty()) legend.emplace_back(SeriesColor(feed, DeviceKind::cpu, i), Text(kNames[static_cast<std::size_t>(i)]));
         }
         SetLegend(mainLegend, legend);
+        ShowQuantity(second, secondLegend, Text("Temperature"), Scale::temperature, feed, {CpuTemperatureSeriesId()},
+                     CombineRule::sum, DeviceKind::cpu);
+        ShowQuantity(third, thirdLegend, Text("Power consumption"), Scale::watts, feed, {CpuPowerSeriesId()},
+                     CombineRule::sum, DeviceKind::cpu);
         return;
     }
     ShowSeries(*main, 0, feed, {"cpu.total"}, CombineRule::sum);
@@ -353,11 +417,15 @@ void PerformanceDevicePane::Impl::ShowCpu(const GraphFeed& feed, const PaneView&
     } else {
         SetLegend(mainLegend, {});
     }
+    ShowQuantity(second, secondLegend, Text("Temperature"), Scale::temperature, feed, {CpuTemperatureSeriesId()},
+                 CombineRule::sum, DeviceKind::cpu);
+    ShowQuantity(third, thirdLegend, Text("Power consumption"), Scale::watts, feed, {CpuPowerSeriesId()},
+                 CombineRule::sum, DeviceKind::cpu);
 }
 
 void PerformanceDevicePane::Impl::ShowMemory(const GraphFeed& feed) {
     const core::SystemSnapshot& s = feed.snapshot;
-    ShowSingle(false);
+    ShowSingle(true);
     QString graphTitle = Text("Memory usage");
     if (core::CarriesValue(s.memoryInUseBytes.availability) && s.memoryInUseBytes.value && MemoryTotal(s) > 0.0) {
         graphTitle = Text("%1 / %2").arg(FormatBytes(*s.memoryInUseBytes.value), FormatBytes(*s.memoryTotalBytes.value));
@@ -368,6 +436,8 @@ void PerformanceDevicePane::Impl::ShowMemory(const GraphFeed& feed) {
     ShowOnly(main, feed, {"memory.inUse"}, CombineRule::sum);
     main->SetMaximum(0, MemoryTotal(s));
     SetLegend(mainLegend, {});
+    ShowQuantity(second, secondLegend, Text("Memory pressure"), Scale::percent, feed, {MemoryPressureSeriesId()},
+                 CombineRule::sum, DeviceKind::memory);
 }
 
 void PerformanceDevicePane::Impl::ShowDisk(const DeviceRowSpec& row, const GraphFeed& feed) {
@@ -436,7 +506,7 @@ void PerformanceDevicePane::Impl::ShowGpu(const DeviceRowSpec& row, const GraphF
             return;
         }
     }
-    ShowSingle(true);
+    ShowSingle(true, true);
     ConfigureGraph(main, Text("% Utilization"), Scale::percent, feed);
     main->SetSeriesColor(0, SeriesColor(feed, DeviceKind::gpu, 0));
     main->SetSeriesFill(0, true);
@@ -451,16 +521,32 @@ void PerformanceDevicePane::Impl::ShowGpu(const DeviceRowSpec& row, const GraphF
     ShowOnly(second, feed, MemberSeriesIds(s, row, "memory"), CombineRule::sum);
     second->SetMaximum(0, GpuMemoryTotal(s, row));
     SetLegend(secondLegend, {});
+
+    std::vector<std::string> power;
+    std::vector<std::string> temperature;
+    for (const std::size_t index : row.members) {
+        power.push_back(GpuPowerSeriesId(s.devices[index].id));
+        temperature.push_back(GpuTemperatureSeriesId(s.devices[index].id));
+    }
+    const bool anyPower = std::any_of(power.begin(), power.end(), [&feed](const std::string& id) { return feed.series.Find(id) != nullptr; });
+    if (anyPower) {
+        ShowQuantity(third, thirdLegend, Text("Power consumption"), Scale::watts, feed, power, CombineRule::sum, DeviceKind::gpu);
+    } else {
+        ShowQuantity(third, thirdLegend, Text("Temperature"), Scale::temperature, feed, temperature, CombineRule::mean,
+                     DeviceKind::gpu);
+    }
 }
 
 void PerformanceDevicePane::Impl::ShowBattery(const GraphFeed& feed) {
-    ShowSingle(false);
+    ShowSingle(true);
     ConfigureGraph(main, Text("% Charge"), Scale::percent, feed);
     main->SetSeriesColor(0, SeriesColor(feed, DeviceKind::energy, 0));
     main->SetSeriesFill(0, true);
     ShowOnly(main, feed, {BatteryChargeSeriesId()}, CombineRule::sum);
     main->SetMaximum(0, 100.0);
     SetLegend(mainLegend, {});
+    ShowQuantity(second, secondLegend, Text("Power consumption"), Scale::watts, feed, {SystemPowerSeriesId()},
+                 CombineRule::sum, DeviceKind::energy);
 }
 
 PerformanceDevicePane::PerformanceDevicePane(QWidget* parent) : QWidget(parent), impl_(std::make_unique<Impl>(this)) {
@@ -519,6 +605,7 @@ void PerformanceDevicePane::ApplyGraphSettings(const core::Settings& settings) {
     d.graphSettings = settings;
     linux_client::ApplyGraphSettings(*d.main, settings, false);
     linux_client::ApplyGraphSettings(*d.second, settings, false);
+    linux_client::ApplyGraphSettings(*d.third, settings, false);
     for (CpuCoreGridWidget* grid : {d.coreGrid, d.engineGrid}) {
         for (int i = 0; i < grid->CellCount(); ++i) {
             GraphWidget* cell = grid->Graph(i);
@@ -550,6 +637,10 @@ GraphWidget* PerformanceDevicePane::MainGraph() const {
 
 GraphWidget* PerformanceDevicePane::SecondGraph() const {
     return impl_->second;
+}
+
+GraphWidget* PerformanceDevicePane::ThirdGraph() const {
+    return impl_->third;
 }
 
 CpuCoreGridWidget* PerformanceDevicePane::CoreGrid() const {

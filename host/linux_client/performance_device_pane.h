@@ -48,6 +48,7 @@ public:
     QToolButton* ModeButton() const;
     GraphWidget* MainGraph() const;
     GraphWidget* SecondGraph() const;
+    GraphWidget* ThirdGraph() const;  // power or temperature, where the device has it
     CpuCoreGridWidget* CoreGrid() const;
     CpuCoreGridWidget* EngineGrid() const;
     DetailFieldGrid* Fields() const;

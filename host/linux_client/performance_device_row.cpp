@@ -48,8 +48,11 @@ PerformanceDeviceRow::PerformanceDeviceRow(const QString& id, core::DeviceKind k
         graph_ = new GraphWidget(this);
         graph_->SetMini(true);
         graph_->setFixedSize(kGraphWidth, kGraphHeight);
-        // The row takes the clicks; the small graph only shows.
-        graph_->setAttribute(Qt::WA_TransparentForMouseEvents, true);
+        // Pointing at the small graph marks the sample under the pointer and offers the device's
+        // whole history, which a click opens in the large graph.
+        graph_->SetOnClick([this] {
+            if (onChosen_) onChosen_();
+        });
         graph_->move(kMarginX, kMarginY);
     }
 }

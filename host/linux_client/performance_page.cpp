@@ -250,7 +250,7 @@ void PerformancePage::Impl::ApplyGraphSettingsToAll() {
     if (env.settings == nullptr) return;
     pane->ApplyGraphSettings(*env.settings);
     for (PerformanceDeviceRow* row : rows) {
-        ApplyGraphSettings(*row->Graph(), *env.settings, false);
+        ApplyGraphSettings(*row->Graph(), *env.settings, true);
     }
 }
 
@@ -279,7 +279,7 @@ void PerformancePage::Impl::SyncRows() {
             const QString id = spec.id;
             row->SetOnChosen([this, id] { Choose(id); });
             row->SetOnStep([this](int step) { MoveSelection(step); });
-            if (env.settings != nullptr) ApplyGraphSettings(*row->Graph(), *env.settings, false);
+            if (env.settings != nullptr) ApplyGraphSettings(*row->Graph(), *env.settings, true);
             listLayout->insertWidget(listLayout->count() - 1, row);
             rows.push_back(row);
         }
@@ -314,12 +314,6 @@ void PerformancePage::Impl::ResolveSelection() {
         } else {
             selectedId.clear();
         }
-    }
-    // Opening on an empty pane helps no one: with nothing chosen (or waiting to be), the first row
-    // (the processor) is shown, as a user expects of the page.
-    if (selectedId.isEmpty() && !pendingKind && !specs.empty()) {
-        selectedId = specs.front().id;
-        selectedKind = specs.front().kind;
     }
     for (PerformanceDeviceRow* row : rows) row->SetSelected(row->Id() == selectedId);
 }

@@ -1,5 +1,7 @@
 #include "host/linux_client/performance_series.h"
 
+#include "core/telemetry_frame.h"
+
 #include <algorithm>
 #include <array>
 #include <cmath>
@@ -34,6 +36,23 @@ std::string LogicalSeriesId(std::uint32_t processor) {
     return "cpu.logical." + std::to_string(processor);
 }
 
+std::string MemoryPressureSeriesId() { return "memory.pressure"; }
+std::string CpuPowerSeriesId() { return "cpu.power"; }
+std::string CpuTemperatureSeriesId() { return "cpu.temperature"; }
+std::string SystemPowerSeriesId() { return "system.power"; }
+
+std::string GpuPowerSeriesId(std::string_view deviceId) {
+    std::string id = "gpu.";
+    id.append(deviceId).append(".power");
+    return id;
+}
+
+std::string GpuTemperatureSeriesId(std::string_view deviceId) {
+    std::string id = "gpu.";
+    id.append(deviceId).append(".temperature");
+    return id;
+}
+
 PerformanceSeries::PerformanceSeries(const HistoryStore* shared, std::size_t capacity)
     : shared_(shared), capacity_(std::max<std::size_t>(capacity, 2)) {}
 
@@ -62,11 +81,22 @@ void PerformanceSeries::Feed(const core::SystemSnapshot& snapshot) {
     if (snapshot.batteryPresent.value.value_or(false)) {
         FeedOwn(BatteryChargeSeriesId(), Reading(snapshot.batteryChargePercent), point);
     }
+    FeedOwn(MemoryPressureSeriesId(), Reading(snapshot.memoryPressurePercent), point);
+    FeedOwn(CpuPowerSeriesId(), Reading(snapshot.cpuPowerWatts), point);
+    FeedOwn(SystemPowerSeriesId(), Reading(snapshot.systemPowerWatts), point);
+    if (snapshot.telemetry) {
+        if (const core::TelemetryMetric* t = snapshot.telemetry->Find("cpu.package.temperature_c")) {
+            const bool usable = core::CarriesValue(t->availability) && t->numericValue && std::isfinite(*t->numericValue);
+            FeedOwn(CpuTemperatureSeriesId(), usable ? t->numericValue : std::nullopt, point);
+        }
+    }
     for (const auto& processor : snapshot.logicalProcessors) {
         FeedOwn(LogicalKernelSeriesId(processor.index), Reading(processor.kernelUtilization), point);
     }
     for (const auto& device : snapshot.devices) {
         if (device.kind != core::DeviceKind::gpu) continue;
+        FeedOwn(GpuPowerSeriesId(device.id), Reading(device.gpu.powerWatts), point);
+        FeedOwn(GpuTemperatureSeriesId(device.id), Reading(device.gpu.temperatureCelsius), point);
         for (const auto& engine : device.gpu.engines) {
             FeedOwn(GpuEngineSeriesId(device.id, engine.name), Reading(engine.utilizationPercent), point);
         }

@@ -21,6 +21,14 @@ std::string BatteryChargeSeriesId();
 std::string GpuEngineSeriesId(std::string_view deviceId, std::string_view engine);
 std::string LogicalKernelSeriesId(std::uint32_t processor);
 std::string LogicalSeriesId(std::uint32_t processor);
+// Memory pressure (percent, as the "Memory pressure" figure), the processor's power and package temperature, the
+// machine's power input, and each GPU's power and temperature.
+std::string MemoryPressureSeriesId();
+std::string CpuPowerSeriesId();
+std::string CpuTemperatureSeriesId();
+std::string SystemPowerSeriesId();
+std::string GpuPowerSeriesId(std::string_view deviceId);
+std::string GpuTemperatureSeriesId(std::string_view deviceId);
 
 // Where the page's graphs get their points: the window's history, which is fed whatever page is
 // shown; for the series that history does not keep, a small history of the page's own that it

@@ -1,8 +1,10 @@
+#include "core/telemetry_frame.h"
 #include "host/linux_client/application_setup.h"
 #include "host/linux_client/cpu_core_grid_widget.h"
 #include "host/linux_client/display_tint.h"
 #include "host/linux_client/graph_widget.h"
 #include "host/linux_client/history_store.h"
+#include "host/linux_client/performance_device_pane.h"
 #include "host/linux_client/performance_page.h"
 #include "host/linux_client/theme.h"
 #include "tests/gui/performance_snapshots.h"
@@ -16,7 +18,9 @@
 #include <QDir>
 #include <QTemporaryDir>
 #include <QFileInfo>
+#include <QLabel>
 #include <QMenu>
+#include <QMouseEvent>
 #include <QStackedWidget>
 #include <QTest>
 #include <QToolButton>
@@ -159,17 +163,25 @@ INSTANTIATE_TEST_SUITE_P(
                  true, true, {"No Linux devices available"}}),
     [](const ::testing::TestParamInfo<ListCase>& row) { return std::string(row.param.name); });
 
-TEST_F(PerformancePageTest, TheProcessorIsShownFirstAndAChoiceSurvivesRefreshes) {
+TEST_F(PerformancePageTest, TheHintStandsUntilADeviceIsChosenAndAChoiceSurvivesRefreshes) {
     auto page = MakePage();
+    auto* pane = page->findChild<PerformanceDevicePane*>();
+    ASSERT_NE(pane, nullptr);
+    const auto hintShown = [pane] {
+        auto* hint = pane->findChild<QLabel*>(QStringLiteral("SelectionHint"));
+        return hint != nullptr && hint->isVisibleTo(pane) && hint->text() == QStringLiteral("Select a Linux device");
+    };
     EXPECT_TRUE(page->SelectedRowId().isEmpty());
     auto first = MachineSnapshot(1);
     first->devices.push_back(DiskDevice("sda", 0, 0, 1));
     first->devices.push_back(DiskDevice("sdb", 0, 0, 1));
     Deliver(*page, first);
-    EXPECT_EQ(page->SelectedRowId().toStdString(), "cpu");
+    EXPECT_TRUE(page->SelectedRowId().isEmpty()) << "nothing is chosen for the user";
+    EXPECT_TRUE(hintShown());
 
     page->SelectDevice(core::DeviceKind::disk);
     EXPECT_EQ(page->SelectedRowId().toStdString(), "disks");
+    EXPECT_FALSE(hintShown());
     for (std::uint64_t generation = 2; generation < 5; ++generation) {
         auto next = MachineSnapshot(generation);
         next->devices = first->devices;
@@ -182,9 +194,138 @@ TEST_F(PerformancePageTest, TheProcessorIsShownFirstAndAChoiceSurvivesRefreshes)
     page->SettingsChanged();
     EXPECT_EQ(page->SelectedRowId().toStdString(), "disk:linux-block:path:sda");
 
-    // A device that goes away, with none of its kind left, takes the choice back to the first row.
+    // A device that goes away, with none of its kind left, leaves the hint.
     Deliver(*page, MachineSnapshot(6));
-    EXPECT_EQ(page->SelectedRowId().toStdString(), "cpu");
+    EXPECT_TRUE(page->SelectedRowId().isEmpty());
+    EXPECT_TRUE(hintShown());
+}
+
+struct QuantityCase {
+    const char* name;
+    core::DeviceKind kind;
+    std::function<void(core::SystemSnapshot&)> script;
+    std::vector<std::string> shown;  // accessible names of the second and third graph shown, in order
+    double newest;                  // the newest point of the last graph shown
+};
+
+class PerformanceQuantityTest : public PerformancePageTest, public ::testing::WithParamInterface<QuantityCase> {};
+
+// Pressure, power and temperature graphs stand beside the device's own graph where the machine
+// reads them, and are absent where it does not.
+TEST_P(PerformanceQuantityTest, ShowsTheGraphsTheMachineHasReadingsFor) {
+    const QuantityCase& c = GetParam();
+    auto page = MakePage();
+    page->show();
+    for (std::uint64_t generation = 1; generation <= 3; ++generation) {
+        auto snapshot = MachineSnapshot(generation);
+        c.script(*snapshot);
+        Deliver(*page, snapshot);
+    }
+    page->SelectDevice(c.kind);
+    auto* pane = page->findChild<PerformanceDevicePane*>();
+    ASSERT_NE(pane, nullptr);
+    std::vector<std::string> shown;
+    GraphWidget* last = nullptr;
+    for (GraphWidget* graph : {pane->SecondGraph(), pane->ThirdGraph()}) {
+        if (graph->isVisibleTo(pane)) {
+            shown.push_back(graph->accessibleName().toStdString());
+            last = graph;
+        }
+    }
+    EXPECT_EQ(shown, c.shown);
+    if (last != nullptr && !c.shown.empty()) {
+        ASSERT_EQ(last->Points(0).size(), 3U);
+        EXPECT_DOUBLE_EQ(last->Points(0).back().value, c.newest);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Readings, PerformanceQuantityTest,
+    ::testing::Values(
+        QuantityCase{"MemoryWithPressure", core::DeviceKind::memory,
+                     [](core::SystemSnapshot& s) { s.memoryPressurePercent.Set(12.5); }, {"Memory pressure"}, 12.5},
+        QuantityCase{"MemoryWithoutPressure", core::DeviceKind::memory,
+                     [](core::SystemSnapshot& s) { s.memoryPressurePercent.MarkMissing(core::MetricAvailability::unsupported); },
+                     {}, 0.0},
+        QuantityCase{"ProcessorPowerAndTemperature", core::DeviceKind::cpu,
+                     [](core::SystemSnapshot& s) {
+                         s.cpuPowerWatts.Set(17.0);
+                         auto frame = std::make_shared<core::HardwareTelemetryFrame>();
+                         core::TelemetryMetric temperature;
+                         temperature.id = "cpu.package.temperature_c";
+                         temperature.deviceId = "cpu:package";
+                         temperature.numericValue = 61.0;
+                         temperature.availability = core::MetricAvailability::valid;
+                         frame->metrics.push_back(temperature);
+                         s.telemetry = frame;
+                     },
+                     {"Temperature", "Power consumption"}, 17.0},
+        QuantityCase{"ProcessorWithoutEither", core::DeviceKind::cpu, [](core::SystemSnapshot&) {}, {}, 0.0},
+        QuantityCase{"BatteryPower", core::DeviceKind::energy,
+                     [](core::SystemSnapshot& s) {
+                         test::AddBattery(s, 64.0);
+                         s.systemPowerWatts.Set(9.5);
+                     },
+                     {"Power consumption"}, 9.5},
+        QuantityCase{"GpuPower", core::DeviceKind::gpu,
+                     [](core::SystemSnapshot& s) {
+                         s.devices.push_back(GpuDevice("0000:01:00.0", 5));
+                         s.devices.back().gpu.powerWatts.Set(55.0);
+                     },
+                     {"GPU memory usage history", "Power consumption"}, 55.0}),
+    [](const ::testing::TestParamInfo<QuantityCase>& row) { return std::string(row.param.name); });
+
+// The small graphs of the device list are the summary graphs: the dashed choice draws them dashed,
+// and leaves the large graph of the chosen device alone.
+TEST_F(PerformancePageTest, DashedSummaryLinesDashTheDeviceListGraphsOnly) {
+    auto page = MakePage();
+    auto snapshot = MachineSnapshot(1);
+    snapshot->devices.push_back(DiskDevice("sda", 0, 0, 1));
+    Deliver(*page, snapshot);
+    page->SelectDevice(core::DeviceKind::cpu);
+    auto* pane = page->findChild<PerformanceDevicePane*>();
+    ASSERT_NE(pane, nullptr);
+    const auto listGraphs = [&page] {
+        std::vector<GraphWidget*> graphs;
+        for (QWidget* row : page->findChildren<QWidget*>(QStringLiteral("DeviceRow"))) {
+            for (GraphWidget* graph : row->findChildren<GraphWidget*>()) graphs.push_back(graph);
+        }
+        return graphs;
+    };
+    ASSERT_GE(listGraphs().size(), 3U);
+    for (const bool dashed : {true, false}) {
+        settings_.dashedSummaryGraphLines = dashed;
+        page->SettingsChanged();
+        for (GraphWidget* graph : listGraphs()) EXPECT_EQ(graph->DashedLines(), dashed);
+        EXPECT_FALSE(pane->MainGraph()->DashedLines());
+    }
+}
+
+// The small graph of a device marks the sample under the pointer with the "Click for History"
+// hint, and a click on it opens that device.
+TEST_F(PerformancePageTest, PointingAtASmallGraphMarksASampleAndAClickOpensTheDevice) {
+    auto page = MakePage();
+    page->show();
+    for (std::uint64_t generation = 1; generation <= 30; ++generation) {
+        auto snapshot = MachineSnapshot(generation);
+        snapshot->devices.push_back(NetworkDevice("enp3s0", 10, 20));
+        Deliver(*page, snapshot);
+    }
+    GraphWidget* graph = nullptr;
+    for (QWidget* row : page->findChildren<QWidget*>(QStringLiteral("DeviceRow"))) {
+        if (row->accessibleName() == QLatin1String("Memory")) graph = row->findChild<GraphWidget*>();
+    }
+    ASSERT_NE(graph, nullptr);
+    ASSERT_FALSE(graph->Points(0).empty());
+    const QPointF inside = graph->PlotRect().center();
+    QMouseEvent move(QEvent::MouseMove, inside, graph->mapToGlobal(inside), Qt::NoButton, Qt::NoButton, Qt::NoModifier);
+    QApplication::sendEvent(graph, &move);
+    EXPECT_GE(graph->HoverIndex(), 0);
+    EXPECT_TRUE(graph->HintActive());
+    EXPECT_EQ(graph->cursor().shape(), Qt::SizeHorCursor);
+
+    QTest::mouseClick(graph, Qt::LeftButton, Qt::NoModifier, inside.toPoint());
+    EXPECT_EQ(page->SelectedRowId().toStdString(), "memory");
 }
 
 TEST_F(PerformancePageTest, ArrowKeysMoveTheChoiceAlongTheList) {
@@ -266,7 +407,9 @@ TEST_F(PerformancePageTest, ContextMenuOffersGraphKernelTimesAndCopy) {
     QAction* engines = ActionNamed(*menu, QStringLiteral("Individual engines"));
     QAction* kernel = ActionNamed(*menu, QStringLiteral("Show kernel times"));
     QAction* copy = ActionNamed(*menu, QStringLiteral("Copy"));
-    EXPECT_TRUE(copy->isEnabled());  // the processor is shown from the start
+    EXPECT_FALSE(copy->isEnabled()) << "nothing to copy before a device is chosen";
+    page->SelectDevice(core::DeviceKind::cpu);
+    EXPECT_TRUE(copy->isEnabled());
 
     page->SelectDevice(core::DeviceKind::disk);
     EXPECT_FALSE(logical->isEnabled());
