@@ -16,9 +16,9 @@ struct ColumnInfo {
 
 // The command column takes the rest of the header, so its width is only a starting point.
 constexpr std::array<ColumnInfo, kProcessTableColumnCount> kColumns{{
-    {"name", QT_TRANSLATE_NOOP("ProcessTableModel", "Name"), false, 280},
+    {"name", QT_TRANSLATE_NOOP("ProcessTableModel", "Name"), false, 220},
     {"pid", QT_TRANSLATE_NOOP("ProcessTableModel", "PID"), true, 70},
-    {"status", QT_TRANSLATE_NOOP("ProcessTableModel", "Status"), false, 80},
+    {"status", QT_TRANSLATE_NOOP("ProcessTableModel", "Status"), false, 90},
     {"user", QT_TRANSLATE_NOOP("ProcessTableModel", "User name"), false, 100},
     {"cpu", QT_TRANSLATE_NOOP("ProcessTableModel", "CPU"), true, 70},
     {"memory", QT_TRANSLATE_NOOP("ProcessTableModel", "Memory"), true, 90},

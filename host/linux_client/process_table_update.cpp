@@ -412,12 +412,8 @@ void ProcessTableModel::Impl::GlowPass() {
         }
 
         const RowFigure<std::uint64_t>& memory = row.display.memoryBytes;
-        if (cells.hasMemoryText && cells.memoryTextEpoch != memoryEpoch) {
-            // The unit or the total changed: every text moves, and that is no change of the process.
-            cells.memoryText = MemoryCellText(memory, memoryMode);
-            cells.memoryTextValue = memory;
-            cells.memoryTextEpoch = memoryEpoch;
-        } else if (!cells.hasMemoryText || !(cells.memoryTextValue == memory)) {
+        // A new unit or total changes the text of an unchanged value too, and that change glows as well.
+        if (!cells.hasMemoryText || !(cells.memoryTextValue == memory) || cells.memoryTextEpoch != memoryEpoch) {
             QString text = MemoryCellText(memory, memoryMode);
             const bool lit = cells.hasMemoryText ? text != cells.memoryText : primed;
             if (lit) cells.memoryGlow = LightGlow(cells.memoryGlow, memoryRank++, now);

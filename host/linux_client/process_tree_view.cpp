@@ -7,6 +7,7 @@
 #include <QElapsedTimer>
 #include <QHeaderView>
 #include <QKeyEvent>
+#include <QMenu>
 #include <QPaintEvent>
 #include <QPainter>
 
@@ -54,8 +55,70 @@ ProcessTreeView::ProcessTreeView(QAbstractItemModel& model, core::Settings* sett
     }
     columns->setSortIndicator(static_cast<int>(ProcessTableColumn::memory), Qt::DescendingOrder);
     RestoreHeaderState();
+    ApplyColumnSettings();
     setSortingEnabled(true);
     connect(columns, &QHeaderView::sectionMoved, this, [this] { SaveHeaderState(); });
+    connect(columns, &QHeaderView::sectionResized, this,
+            [this](int column, int, int width) { SaveColumnWidth(column, width); });
+    columns->setContextMenuPolicy(Qt::CustomContextMenu);
+    connect(columns, &QHeaderView::customContextMenuRequested, this, &ProcessTreeView::ShowHeaderMenu);
+}
+
+void ProcessTreeView::ApplyColumnSettings() {
+    if (settings_ == nullptr) return;
+    applyingColumns_ = true;
+    QHeaderView* columns = header();
+    for (const auto& [name, width] : settings_->processTableColumnWidths) {
+        const std::optional<int> column = ProcessTableColumnFromName(QString::fromStdString(name));
+        // The last column stretches to the end of the header; a stored width there means nothing.
+        if (!column || *column == kProcessTableColumnCount - 1 || width == 0) continue;
+        columns->resizeSection(*column, static_cast<int>(std::min<std::uint32_t>(width, 4096)));
+    }
+    for (int column = 0; column < kProcessTableColumnCount; ++column) columns->setSectionHidden(column, false);
+    for (const std::string& name : settings_->processTableHiddenColumns) {
+        const std::optional<int> column = ProcessTableColumnFromName(QString::fromStdString(name));
+        if (column && *column != static_cast<int>(ProcessTableColumn::name)) columns->setSectionHidden(*column, true);
+    }
+    applyingColumns_ = false;
+}
+
+void ProcessTreeView::SaveColumnWidth(int column, int width) {
+    if (settings_ == nullptr || applyingColumns_ || width <= 0 || column == kProcessTableColumnCount - 1) return;
+    const QString name = ProcessTableColumnName(column);
+    if (name.isEmpty()) return;
+    auto& widths = settings_->processTableColumnWidths;
+    const auto stored = widths.find(name.toStdString());
+    if (stored != widths.end() && stored->second == static_cast<std::uint32_t>(width)) return;
+    widths[name.toStdString()] = static_cast<std::uint32_t>(width);
+    if (settingsChanged_) settingsChanged_();
+}
+
+void ProcessTreeView::SetColumnHidden(int column, bool hidden) {
+    if (column < 0 || column >= kProcessTableColumnCount || column == static_cast<int>(ProcessTableColumn::name)) return;
+    applyingColumns_ = true;  // hiding reports the section as resized to nothing
+    header()->setSectionHidden(column, hidden);
+    applyingColumns_ = false;
+    if (settings_ == nullptr) return;
+    std::vector<std::string> names;
+    for (int c = 0; c < kProcessTableColumnCount; ++c) {
+        if (header()->isSectionHidden(c)) names.push_back(ProcessTableColumnName(c).toStdString());
+    }
+    if (names == settings_->processTableHiddenColumns) return;
+    settings_->processTableHiddenColumns = std::move(names);
+    if (settingsChanged_) settingsChanged_();
+}
+
+void ProcessTreeView::ShowHeaderMenu(const QPoint& position) {
+    auto* menu = new QMenu(this);
+    menu->setAttribute(Qt::WA_DeleteOnClose);
+    for (int column = 0; column < kProcessTableColumnCount; ++column) {
+        QAction* action = menu->addAction(model()->headerData(column, Qt::Horizontal, Qt::DisplayRole).toString());
+        action->setCheckable(true);
+        action->setChecked(!header()->isSectionHidden(column));
+        action->setEnabled(column != static_cast<int>(ProcessTableColumn::name));
+        connect(action, &QAction::toggled, this, [this, column](bool shown) { SetColumnHidden(column, !shown); });
+    }
+    menu->popup(header()->viewport()->mapToGlobal(position));
 }
 
 ProcessTreeView::~ProcessTreeView() = default;

@@ -28,6 +28,12 @@ public:
     // Restores it; a missing or unusable state leaves the header as it is. Returns whether it did.
     bool RestoreHeaderState();
 
+    // Hides or shows a column (never "Name") and keeps the hidden set in
+    // `processTableHiddenColumns`, by column name.
+    void SetColumnHidden(int column, bool hidden);
+    // The header's context menu: one checkable entry a column, checked while it is shown.
+    void ShowHeaderMenu(const QPoint& position);
+
     // Puts the layout of the rows off to the next paint. A refresh changes many rows and ends
     // with the one sort, after which every row is laid out anew anyway; until then no change
     // needs a row's place. LayoutPending stays true until that layout ran.
@@ -51,6 +57,8 @@ protected:
 
 private:
     void TypeAheadSearch();
+    void ApplyColumnSettings();
+    void SaveColumnWidth(int column, int width);
 
     core::Settings* settings_;
     std::function<void()> settingsChanged_;
@@ -58,6 +66,7 @@ private:
     QString typeAhead_;
     std::int64_t lastKeyMs_ = 0;
     bool layoutDeferred_ = false;
+    bool applyingColumns_ = false;
     QRegion paintRegion_;
 };
 

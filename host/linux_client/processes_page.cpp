@@ -1,5 +1,7 @@
 #include "host/linux_client/processes_page.h"
 
+#include "host/linux_client/detail_pane_widget.h"
+
 #include "host/linux_client/process_filter_proxy_model.h"
 #include "host/linux_client/process_row.h"
 #include "host/linux_client/process_table_model.h"
@@ -11,6 +13,7 @@
 #include <QHeaderView>
 #include <QItemSelectionModel>
 #include <QShortcut>
+#include <QSplitter>
 #include <QTimer>
 #include <QVBoxLayout>
 
@@ -105,6 +108,8 @@ struct ProcessesPage::Impl {
     // which the shade stays the same needs no paint. A faint glow keeps one shade for several frames.
     std::unordered_map<ProcessKey, std::array<int, 3>, core::ProcessKeyHash> paintedAlpha;
 
+    DetailPaneWidget* details = nullptr;
+
     std::function<void(const QPoint&)> contextMenuHandler;
     std::function<void()> deleteHandler;
     std::function<void(const ProcessKey&, bool)> activateHandler;
@@ -119,8 +124,19 @@ struct ProcessesPage::Impl {
     void RestoreSelection(const std::vector<ProcessKey>& selected, const std::optional<ProcessKey>& currentKey,
                           bool scroll);
     void UpdateGlowTimer();
+    void UpdateDetails();
     std::set<ProcessKey> KeysWithChildren() const;
 };
+
+void ProcessesPage::Impl::UpdateDetails() {
+    const std::vector<ProcessKey> keys = page.SelectedProcessKeys();
+    const core::ProcessSnapshot* record = keys.size() == 1 ? model->RowSnapshot(model->IndexForKey(keys.front())) : nullptr;
+    if (record == nullptr) {
+        if (details->HasSelection()) details->ClearSelection();
+        return;
+    }
+    details->ShowProcess(*record);
+}
 
 std::optional<ProcessKey> ProcessesPage::Impl::KeyOfProxyIndex(const QModelIndex& proxyIndex) const {
     return model->RowKey(proxy->mapToSource(proxyIndex));
@@ -209,6 +225,7 @@ void ProcessesPage::Impl::Refresh(const std::shared_ptr<const core::SystemSnapsh
     }
     view->setAutoScroll(autoScroll);
     UpdateGlowTimer();
+    UpdateDetails();
 }
 
 void ProcessesPage::Impl::RestoreSelection(const std::vector<ProcessKey>& selected,
@@ -302,7 +319,18 @@ ProcessesPage::ProcessesPage(PageEnvironment environment, QWidget* parent)
     d_->view->setObjectName(QStringLiteral("ProcessTreeView"));
     auto* layout = new QVBoxLayout(this);
     layout->setContentsMargins(0, 0, 0, 0);
-    layout->addWidget(d_->view);
+    auto* splitter = new QSplitter(Qt::Horizontal, this);
+    splitter->setObjectName(QStringLiteral("ProcessesSplitter"));
+    splitter->setChildrenCollapsible(true);
+    splitter->addWidget(d_->view);
+    d_->details = new DetailPaneWidget(splitter);
+    d_->details->setObjectName(QStringLiteral("ProcessDetailPane"));
+    splitter->addWidget(d_->details);
+    splitter->setStretchFactor(0, 1);
+    splitter->setStretchFactor(1, 0);
+    splitter->setSizes({900, 260});
+    layout->addWidget(splitter);
+    connect(d_->view->selectionModel(), &QItemSelectionModel::selectionChanged, this, [this] { d_->UpdateDetails(); });
 
     d_->ApplySettings(ReadPageSettings(d_->env.settings), true);
 
@@ -370,6 +398,10 @@ ProcessFilterProxyModel& ProcessesPage::Proxy() {
 
 ProcessTreeView& ProcessesPage::View() {
     return *d_->view;
+}
+
+DetailPaneWidget& ProcessesPage::DetailPane() {
+    return *d_->details;
 }
 
 std::vector<ProcessKey> ProcessesPage::SelectedProcessKeys() const {

@@ -17,6 +17,7 @@ namespace korv::host::linux_client {
 
 class ProcessFilterProxyModel;
 class ProcessTableModel;
+class DetailPaneWidget;
 class ProcessTreeView;
 
 // The Processes page: one ProcessTreeView over a ProcessFilterProxyModel over a ProcessTableModel.
@@ -37,6 +38,8 @@ public:
     ProcessTableModel& Model();
     ProcessFilterProxyModel& Proxy();
     ProcessTreeView& View();
+    // "Selection details": the fields of the one selected process, kept up to date each sample.
+    DetailPaneWidget& DetailPane();
 
     // Source-model keys of the selected rows, group headers left out, in the order of the selection.
     std::vector<core::ProcessKey> SelectedProcessKeys() const;

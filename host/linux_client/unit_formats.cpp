@@ -82,11 +82,11 @@ QString FormatAvailability(core::MetricAvailability availability) {
     case MetricAvailability::notApplicable:
     case MetricAvailability::unsupported:
     case MetricAvailability::transientError:
-        return QCoreApplication::translate("ProcessTableModel", "Unavailable");
+        return QCoreApplication::translate("QObject", "Unavailable");
     case MetricAvailability::accessDenied:
-        return QCoreApplication::translate("ProcessTableModel", "Access denied");
+        return QCoreApplication::translate("QObject", "Access denied");
     case MetricAvailability::stale:
-        return QCoreApplication::translate("ProcessTableModel", "Stale");
+        return QCoreApplication::translate("QObject", "Stale");
     default:
         return QStringLiteral("—");
     }

@@ -95,6 +95,28 @@ TEST_F(ProcessTableModelTest, FirstSnapshotLightsNothingAndANewProcessGlowsInBot
     EXPECT_TRUE(model_.AnyGlowActive());
 }
 
+// A memory text that changes because the unit or the total changed glows like any other change.
+TEST_F(ProcessTableModelTest, MemoryTextsChangedByTheUnitOrTheTotalGlow) {
+    auto processes = DesktopProcesses();
+    Apply(1, processes);
+    EXPECT_FALSE(model_.AnyGlowActive());
+
+    model_.SetShowMemoryPercent(true);
+    Apply(2, processes);
+    EXPECT_TRUE(Text(301, kMemory).endsWith(QLatin1Char('%'))) << Text(301, kMemory).toStdString();
+    EXPECT_GT(Alpha(301, kMemory), 0);
+    EXPECT_GT(Alpha(400, kMemory), 0);
+    EXPECT_EQ(Alpha(301, kCpu), 0) << "the processor figure did not change";
+
+    model_.FreezeClockAt(20'000);  // every glow has faded
+    auto halved = ScriptedSnapshot(3, processes);
+    halved->memoryTotalBytes.Set(8ULL * 1024 * 1024 * 1024);
+    const QString before = Text(301, kMemory);
+    model_.ApplySnapshot(halved);
+    EXPECT_NE(Text(301, kMemory), before);
+    EXPECT_GT(Alpha(301, kMemory), 0);
+}
+
 TEST_F(ProcessTableModelTest, GlowFadesOverOnePointThreeSecondsAndSaysSoThroughTheTick) {
     auto processes = DesktopProcesses();
     Apply(1, processes);

@@ -1,3 +1,4 @@
+#include "host/linux_client/detail_pane_widget.h"
 #include "host/linux_client/process_filter_proxy_model.h"
 #include "host/linux_client/process_item_delegate.h"
 #include "host/linux_client/process_row.h"
@@ -15,6 +16,7 @@
 #include <QDir>
 #include <QHeaderView>
 #include <QImage>
+#include <QMenu>
 #include <QPainter>
 #include <QStyleOptionViewItem>
 #include <QStandardItemModel>
@@ -90,8 +92,63 @@ TEST_F(ProcessTreeViewTest, IsSetUpForWholeRowsAndMovableSortableColumns) {
     EXPECT_TRUE(view->header()->stretchLastSection());
     EXPECT_EQ(view->header()->sortIndicatorSection(), static_cast<int>(ProcessTableColumn::memory));
     EXPECT_EQ(view->header()->sortIndicatorOrder(), Qt::DescendingOrder);
-    EXPECT_EQ(view->header()->sectionSize(0), ProcessTableColumnInitialWidth(0));
-    EXPECT_EQ(view->header()->sectionSize(1), 70);
+}
+
+TEST_F(ProcessTreeViewTest, ColumnsOpenAtTheirInitialWidths) {
+    const auto view = MakeView();
+    const int widths[] = {220, 70, 90, 100, 70, 90, 90, 90, 70, 90, 60, 60};
+    for (int column = 0; column < 12; ++column) {
+        EXPECT_EQ(view->header()->sectionSize(column), widths[column])
+            << model_.headerData(column, Qt::Horizontal).toString().toStdString();
+    }
+}
+
+TEST_F(ProcessTreeViewTest, HiddenColumnsAndWidthsComeFromTheSettings) {
+    settings_.processTableHiddenColumns = {"pid", "nice", "no such column", "name"};
+    settings_.processTableColumnWidths = {{"user", 150}, {"diskRead", 40}, {"no such column", 10}};
+    const auto view = MakeView();
+    QHeaderView* columns = view->header();
+    EXPECT_TRUE(columns->isSectionHidden(1));
+    EXPECT_TRUE(columns->isSectionHidden(11));
+    EXPECT_FALSE(columns->isSectionHidden(0)) << "the name always stays";
+    EXPECT_FALSE(columns->isSectionHidden(2));
+    EXPECT_EQ(columns->sectionSize(3), 150);
+    EXPECT_EQ(columns->sectionSize(6), 40);
+    EXPECT_EQ(saves_, 0) << "reading the settings writes nothing";
+}
+
+TEST_F(ProcessTreeViewTest, TheHeaderMenuHidesColumnsAndResizingKeepsWidths) {
+    {
+        const auto view = MakeView();
+        view->show();
+        view->ShowHeaderMenu(QPoint(5, 5));
+        QMenu* menu = view->findChild<QMenu*>();
+        ASSERT_NE(menu, nullptr);
+        QAction* status = nullptr;
+        QAction* name = nullptr;
+        for (QAction* action : menu->actions()) {
+            if (action->text() == QStringLiteral("Status")) status = action;
+            if (action->text() == QStringLiteral("Name")) name = action;
+        }
+        ASSERT_NE(status, nullptr);
+        ASSERT_NE(name, nullptr);
+        EXPECT_FALSE(name->isEnabled());
+        EXPECT_TRUE(status->isChecked());
+        status->trigger();
+        EXPECT_TRUE(view->header()->isSectionHidden(2));
+        EXPECT_EQ(settings_.processTableHiddenColumns, std::vector<std::string>{"status"});
+        view->header()->resizeSection(4, 123);
+        EXPECT_EQ(settings_.processTableColumnWidths["cpu"], 123U);
+        EXPECT_EQ(settings_.processTableColumnWidths.count("status"), 0U) << "hiding is no width";
+        EXPECT_GE(saves_, 2);
+        menu->close();
+    }
+    const auto reopened = MakeView();
+    EXPECT_TRUE(reopened->header()->isSectionHidden(2));
+    EXPECT_EQ(reopened->header()->sectionSize(4), 123);
+    reopened->SetColumnHidden(2, false);
+    EXPECT_FALSE(reopened->header()->isSectionHidden(2));
+    EXPECT_TRUE(settings_.processTableHiddenColumns.empty());
 }
 
 TEST_F(ProcessTreeViewTest, HeaderStateRoundTripsThroughProcessesColumnOrder) {
@@ -99,7 +156,7 @@ TEST_F(ProcessTreeViewTest, HeaderStateRoundTripsThroughProcessesColumnOrder) {
         const auto view = MakeView();
         view->header()->resizeSection(3, 150);
         view->header()->moveSection(5, 1);
-        EXPECT_EQ(saves_, 1);
+        EXPECT_EQ(saves_, 2) << "the width and the order are each kept";
         EXPECT_FALSE(core::StringPreference(settings_, "processesColumnOrder", "").empty());
     }
     const auto restored = MakeView();
@@ -227,6 +284,34 @@ TEST_F(ProcessesPageTest, SelectionAndCurrentRowSurviveAPatchAndAReset) {
     Apply(3, processes);
     EXPECT_EQ(SelectedPids(), (std::set<std::uint32_t>{301, 400}));
     EXPECT_EQ(CurrentName(), QStringLiteral("gcc"));
+}
+
+TEST_F(ProcessesPageTest, SelectionDetailsFollowTheOneSelectedProcess) {
+    auto processes = DesktopProcesses();
+    Apply(1, processes);
+    DetailPaneWidget& details = page_->DetailPane();
+    EXPECT_TRUE(details.isVisibleTo(page_.get()));
+    EXPECT_FALSE(details.HasSelection());
+    EXPECT_EQ(details.PlaceholderText(), QStringLiteral("Select a single entry for detail information."));
+    const auto field = [&details](const char* label) {
+        for (const DetailField& f : details.Fields()) {
+            if (f.label == QLatin1String(label)) return f.value;
+        }
+        return QString();
+    };
+
+    QItemSelectionModel* selection = page_->View().selectionModel();
+    selection->setCurrentIndex(ProxyRow(301), QItemSelectionModel::ClearAndSelect | QItemSelectionModel::Rows);
+    ASSERT_TRUE(details.HasSelection());
+    EXPECT_EQ(field("PID"), QStringLiteral("301"));
+    EXPECT_EQ(field("Memory"), QStringLiteral("300.0 MB"));
+
+    FindScripted(processes, 301)->memory = 600ULL << 20;  // the next sample refreshes the fields
+    Apply(2, processes);
+    EXPECT_EQ(field("Memory"), QStringLiteral("600.0 MB"));
+
+    selection->select(ProxyRow(400), QItemSelectionModel::Select | QItemSelectionModel::Rows);
+    EXPECT_FALSE(details.HasSelection()) << "two rows are no single entry";
 }
 
 TEST_F(ProcessesPageTest, ANewChildShowsUnlessItsParentWasFolded) {

@@ -2,6 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <QByteArrayView>
+#include <QCoreApplication>
+#include <QTranslator>
+
 #include <cmath>
 #include <limits>
 
@@ -85,6 +89,31 @@ TEST(UnitFormats, AvailabilityWordsAndStaleSuffix) {
     EXPECT_EQ(FormatAvailability(MetricAvailability::notYetAvailable), QStringLiteral("—"));
     EXPECT_EQ(AppendStale(QStringLiteral("4.0 GB"), MetricAvailability::stale), QStringLiteral("4.0 GB (stale)"));
     EXPECT_EQ(AppendStale(QStringLiteral("4.0 GB"), MetricAvailability::valid), QStringLiteral("4.0 GB"));
+}
+
+// A translator that knows only the shared availability words, in the context they are looked up in.
+class AvailabilityTranslator final : public QTranslator {
+public:
+    QString translate(const char* context, const char* source, const char*, int) const override {
+        if (QByteArrayView(context) != "QObject") return {};
+        if (QByteArrayView(source) == "Access denied") return QStringLiteral("Zugriff verweigert");
+        if (QByteArrayView(source) == "Unavailable") return QStringLiteral("Nicht verfügbar");
+        if (QByteArrayView(source) == "Stale") return QStringLiteral("Veraltet");
+        return {};
+    }
+    bool isEmpty() const override { return false; }
+};
+
+TEST(UnitFormats, AvailabilityWordsAreTranslatedAsSharedWords) {
+    AvailabilityTranslator translator;
+    ASSERT_TRUE(QCoreApplication::installTranslator(&translator));
+    const QString denied = FormatAvailability(MetricAvailability::accessDenied);
+    const QString unavailable = FormatAvailability(MetricAvailability::transientError);
+    const QString stale = FormatAvailability(MetricAvailability::stale);
+    QCoreApplication::removeTranslator(&translator);
+    EXPECT_EQ(denied, QStringLiteral("Zugriff verweigert"));
+    EXPECT_EQ(unavailable, QStringLiteral("Nicht verfügbar"));
+    EXPECT_EQ(stale, QStringLiteral("Veraltet"));
 }
 
 }  // namespace
