@@ -117,6 +117,17 @@ public:
         return ReadProcessDetails(roots_, key);
     }
 
+    std::shared_ptr<core::ProcessDetails> ProcessDetailsUntil(const core::ProcessKey& key,
+                                                              std::stop_token stop) override {
+        return ReadProcessDetails(roots_, key, std::move(stop));
+    }
+
+    AffinityReading ReadAffinity(const core::ProcessKey& key) override { return ReadProcessAffinity(roots_, key); }
+
+    AffinityResult SetAffinity(const core::ProcessKey& key, std::uint64_t mask) override {
+        return SetProcessAffinity(roots_, key, mask);
+    }
+
     core::ResolveResult Resolve(const core::ProcessKey& key) override { return ResolveLinuxProcess(roots_, key); }
 
     core::ActionResult Execute(const core::ResolvedProcess& process, const core::ProcessAction& action) override {

@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <stop_token>
 #include <string>
 #include <vector>
 
@@ -65,6 +66,8 @@ private:
 // Reads what the inspector shows for one process: pins it by reading stat, checks the key, reads the
 // command line, the environment and the open descriptors, and reads stat again. nullptr when the
 // process is gone or its key no longer matches. Touches no state of the collector; any thread.
-std::shared_ptr<core::ProcessDetails> ReadProcessDetails(const ProviderRoots& roots, const core::ProcessKey& key);
+// A stop request ends the read between its steps (and between descriptors) with nullptr.
+std::shared_ptr<core::ProcessDetails> ReadProcessDetails(const ProviderRoots& roots, const core::ProcessKey& key,
+                                                         std::stop_token stop = {});
 
 }  // namespace korv::providers

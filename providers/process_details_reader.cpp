@@ -58,7 +58,7 @@ core::OpenDescriptor DescribeTarget(std::int32_t fd, std::string_view target) {
     return descriptor;
 }
 
-void ReadDescriptors(int pidDirectory, core::ProcessDetails& details) {
+void ReadDescriptors(int pidDirectory, core::ProcessDetails& details, const std::stop_token& stop) {
     const FdGuard fdDirectory(OpenDirectoryAt(pidDirectory, "fd", 0));
     if (fdDirectory.get() < 0) {
         details.descriptorsAvailability = AvailabilityFromErrno(errno);
@@ -80,7 +80,7 @@ void ReadDescriptors(int pidDirectory, core::ProcessDetails& details) {
     const std::size_t shown = std::min(numbers.size(), kShownDescriptorLimit);
     details.descriptors.reserve(shown);
     char target[PATH_MAX];
-    for (std::size_t i = 0; i < shown; ++i) {
+    for (std::size_t i = 0; i < shown && !stop.stop_requested(); ++i) {
         char name[16];
         const ssize_t length = ::readlinkat(fdDirectory.get(), PidText(static_cast<std::uint32_t>(numbers[i]), name),
                                             target, sizeof target);
@@ -93,8 +93,9 @@ void ReadDescriptors(int pidDirectory, core::ProcessDetails& details) {
 
 }  // namespace
 
-std::shared_ptr<core::ProcessDetails> ReadProcessDetails(const ProviderRoots& roots, const core::ProcessKey& key) {
-    if (key.pid == 0) return nullptr;
+std::shared_ptr<core::ProcessDetails> ReadProcessDetails(const ProviderRoots& roots, const core::ProcessKey& key,
+                                                         std::stop_token stop) {
+    if (key.pid == 0 || stop.stop_requested()) return nullptr;
     const FdGuard root(OpenDirectoryAt(AT_FDCWD, roots.proc.c_str(), 0));
     if (root.get() < 0) return nullptr;
     char pidName[16];
@@ -128,11 +129,15 @@ std::shared_ptr<core::ProcessDetails> ReadProcessDetails(const ProviderRoots& ro
     }
     details->name = DisplayName(stat.comm, details->executablePath);
 
+    if (stop.stop_requested()) return nullptr;
     ReadArgumentList(directory.get(), "cmdline", details->commandLine, details->commandLineAvailability,
                      details->commandLineTruncated);
+    if (stop.stop_requested()) return nullptr;
     ReadArgumentList(directory.get(), "environ", details->environment, details->environmentAvailability,
                      details->environmentTruncated);
-    ReadDescriptors(directory.get(), *details);
+    if (stop.stop_requested()) return nullptr;
+    ReadDescriptors(directory.get(), *details, stop);
+    if (stop.stop_requested()) return nullptr;
 
     const ProcStatRead last = ReadProcPidStatAt(directory.get(), key.pid, buffer);
     if (!last.stat || last.stat->starttime != key.startTime) return nullptr;

@@ -14,6 +14,7 @@
 #include <QLineEdit>
 #include <QLocale>
 #include <QMetaObject>
+#include <QPointer>
 #include <QPushButton>
 #include <QScreen>
 #include <QScrollArea>
@@ -111,6 +112,8 @@ struct ProcessInspectorDialog::Impl {
     DetailsReader reader;
     core::Settings* settings = nullptr;
     std::function<void()> settingsChanged;
+    RowSource rowSource;
+    WorkerKeeper keeper;
 
     std::uint64_t generation = 0;
     std::vector<Read> reads;  // the current read last; earlier ones were cancelled
@@ -149,6 +152,14 @@ struct ProcessInspectorDialog::Impl {
         summary->addWidget(name, row, column);
         summary->addWidget(shown, row, column + 1);
         summaryValues.emplace_back(label, shown);
+    }
+
+    void ClearSummary() {
+        while (QLayoutItem* item = summary->takeAt(0)) {
+            delete item->widget();
+            delete item;
+        }
+        summaryValues.clear();
     }
 
     void FillSummary() {
@@ -411,9 +422,20 @@ ProcessInspectorDialog::ProcessInspectorDialog(ProcessInspectorInput input, Deta
 }
 
 ProcessInspectorDialog::~ProcessInspectorDialog() {
-    // The workers post to this object; they must be gone before it is.
-    for (Read& read : impl_->reads) read.thread.request_stop();
+    // A reader posts through a guard that sees this dialog gone, so it may outlive the dialog.
+    for (Read& read : impl_->reads) {
+        read.thread.request_stop();
+        if (impl_->keeper) impl_->keeper(std::move(read.state), std::move(read.thread));
+    }
     impl_->reads.clear();
+}
+
+void ProcessInspectorDialog::SetRowSource(RowSource source) {
+    impl_->rowSource = std::move(source);
+}
+
+void ProcessInspectorDialog::SetWorkerKeeper(WorkerKeeper keeper) {
+    impl_->keeper = std::move(keeper);
 }
 
 const core::ProcessKey& ProcessInspectorDialog::Key() const {
@@ -427,6 +449,17 @@ void ProcessInspectorDialog::Refresh() {
     state->generation = ++impl_->generation;
     state->key = impl_->input.key;
     impl_->message->clear();
+    if (impl_->rowSource && impl_->generation > 1) {
+        if (std::optional<ProcessInspectorInput> latest = impl_->rowSource(impl_->input.key)) {
+            if (latest->session.isEmpty()) latest->session = impl_->input.session;
+            impl_->input = std::move(*latest);
+            impl_->ClearSummary();
+            impl_->FillSummary();
+            impl_->state->setText(impl_->input.exited ? QCoreApplication::translate("ProcessTableModel", "Exited")
+                                  : impl_->input.row ? StateWord(impl_->input.row->state)
+                                                     : impl_->state->text());
+        }
+    }
 
     if (!impl_->reader) {
         impl_->loading = false;
@@ -440,30 +473,37 @@ void ProcessInspectorDialog::Refresh() {
     impl_->loading = true;
     impl_->loadingLabel->hide();
     impl_->loadingTimer.start();
-    impl_->reads.push_back({state, std::jthread([this, state, reader = impl_->reader](std::stop_token stop) {
+    const QPointer<ProcessInspectorDialog> guard(this);
+    impl_->reads.push_back({state, std::jthread([guard, state, reader = impl_->reader](std::stop_token stop) {
                                 std::shared_ptr<core::ProcessDetails> details;
-                                if (!stop.stop_requested()) details = reader(state->key);
+                                if (!stop.stop_requested()) details = reader(state->key, stop);
                                 state->details = std::move(details);
                                 state->finished = true;
                                 if (stop.stop_requested()) return;
+                                // Posted to the application, which outlives every dialog; the
+                                // guard is read on the GUI thread only.
                                 QMetaObject::invokeMethod(
-                                    this,
-                                    [this, state] {
-                                        if (state->generation != impl_->generation) return;
-                                        impl_->loading = false;
-                                        impl_->loadingTimer.stop();
-                                        impl_->loadingLabel->hide();
-                                        impl_->details = state->details;
-                                        impl_->ShowDetails();
-                                        if (!impl_->details) {
-                                            impl_->message->setText(
-                                                Text("The process exited before its details could be read."));
-                                        }
-                                        impl_->PruneFinishedReads();
-                                        emit DetailsLoaded();
+                                    QCoreApplication::instance(),
+                                    [guard, state] {
+                                        if (guard.isNull()) return;
+                                        guard->ShowRead(state);
                                     },
                                     Qt::QueuedConnection);
                             })});
+}
+
+void ProcessInspectorDialog::ShowRead(const std::shared_ptr<ProcessInspectorState>& state) {
+    if (state->generation != impl_->generation) return;
+    impl_->loading = false;
+    impl_->loadingTimer.stop();
+    impl_->loadingLabel->hide();
+    impl_->details = state->details;
+    impl_->ShowDetails();
+    if (!impl_->details) {
+        impl_->message->setText(Text("The process exited before its details could be read."));
+    }
+    impl_->PruneFinishedReads();
+    emit DetailsLoaded();
 }
 
 bool ProcessInspectorDialog::IsLoading() const {

@@ -15,6 +15,8 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <stop_token>
+#include <thread>
 
 namespace korv::host::linux_client {
 
@@ -52,12 +54,19 @@ void StoreInspectorSize(core::Settings& settings, const QSize& size);
 // The process inspector: a modeless dialog with the process's summary, command line, environment
 // and open descriptors. The details are read on a worker thread of its own, so the window never
 // waits on /proc; "Refresh" starts a new read and cancels the one running, and closing the dialog
-// cancels it too. The destructor joins the workers. GUI thread.
+// cancels it too. GUI thread.
 class ProcessInspectorDialog : public QDialog {
     Q_OBJECT
 public:
-    // Reads the details of a process; null when the key no longer matches. Runs on a worker.
-    using DetailsReader = std::function<std::shared_ptr<core::ProcessDetails>(const core::ProcessKey&)>;
+    // Reads the details of a process; null when the key no longer matches, or when the read was
+    // given up because `stop` was requested. Runs on a worker.
+    using DetailsReader =
+        std::function<std::shared_ptr<core::ProcessDetails>(const core::ProcessKey&, std::stop_token stop)>;
+    // The process as the latest sample has it, for "Refresh"; nothing when the sample lacks it.
+    using RowSource = std::function<std::optional<ProcessInspectorInput>(const core::ProcessKey&)>;
+    // Takes the readers still running when the dialog goes, so that the GUI thread never waits
+    // for one; the keeper joins them later, before the services they read through go.
+    using WorkerKeeper = std::function<void(std::shared_ptr<ProcessInspectorState> state, std::jthread worker)>;
 
     // `settings` may be null; then the size is neither read nor kept.
     ProcessInspectorDialog(ProcessInspectorInput input, DetailsReader reader, core::Settings* settings,
@@ -68,7 +77,12 @@ public:
     ProcessInspectorDialog& operator=(const ProcessInspectorDialog&) = delete;
 
     const core::ProcessKey& Key() const;
+    // Reads the details anew, cancelling a read still running, and shows the summary of the
+    // latest sample.
     void Refresh();
+    void SetRowSource(RowSource source);
+    // Without a keeper the destructor joins its readers itself.
+    void SetWorkerKeeper(WorkerKeeper keeper);
 
     bool IsLoading() const;
     bool LoadingVisible() const;  // the "Loading…" line is shown now
@@ -91,6 +105,8 @@ public slots:
     void done(int result) override;
 
 private:
+    void ShowRead(const std::shared_ptr<ProcessInspectorState>& state);
+
     struct Impl;
     std::unique_ptr<Impl> impl_;
 };

@@ -136,6 +136,15 @@ struct ProcessPageActions::Impl {
         return true;
     }
 
+    ProcessPageActions::MenuRunner menuRunner;
+    // Inspector reads still running when their dialog went; joined once finished, or at shutdown.
+    std::vector<std::pair<std::shared_ptr<ProcessInspectorState>, std::jthread>> keptReaders;
+
+    void KeepReader(std::shared_ptr<ProcessInspectorState> state, std::jthread worker) {
+        std::erase_if(keptReaders, [](const auto& kept) { return kept.first->finished.load(); });
+        keptReaders.emplace_back(std::move(state), std::move(worker));
+    }
+
     void Completed(const QString& text) const {
         Status(text);
         if (environment.requestSample) environment.requestSample();
@@ -192,19 +201,36 @@ void ProcessPageActions::ShowProcessContextMenu(const QPoint& globalPos, const P
     ProcessMenuContext shown = context;
     shown.backendUsable = shown.backendUsable && BackendUsable();
     if (shown.logicalProcessors == 0) shown.logicalProcessors = ConfiguredProcessors();
-    if (!shown.exited && shown.rows.size() == 1 && !shown.affinity) {
-        // A handful of system calls on the process's threads, so that the submenu shows the truth.
-        const providers::AffinityReading reading =
-            providers::ReadProcessAffinity(providers::ProviderRoots{}, shown.rows.front().key);
-        AffinityMenuState state;
-        state.readable = reading.ok;
-        state.combinedMask = reading.combinedMask;
-        state.threadsDiffer = reading.threadsDiffer;
-        state.actionable = reading.ok;
-        shown.affinity = state;
+    providers::PlatformServices* services = impl_->environment.services;
+    if (!shown.exited && shown.rows.size() == 1 && !shown.affinity && BackendUsable() && services != nullptr) {
+        // The threads' masks are read on the action worker, never here: the menu opens when they are in.
+        const core::ProcessKey key = shown.rows.front().key;
+        const ProcessQueueStatus status = impl_->queue->Enqueue([this, services, key, shown, globalPos](std::stop_token) {
+            const providers::AffinityReading reading = services->ReadAffinity(key);
+            return ProcessActionQueue::Continuation([this, reading, shown, globalPos]() mutable {
+                AffinityMenuState state;
+                state.readable = reading.ok;
+                state.combinedMask = reading.combinedMask;
+                state.threadsDiffer = reading.threadsDiffer;
+                state.actionable = reading.ok;
+                shown.affinity = state;
+                RunMenu(globalPos, shown);
+            });
+        });
+        if (status == ProcessQueueStatus::accepted) return;
     }
-    const ProcessMenuChoice choice = ExecProcessContextMenu(shown, globalPos, impl_->dialogParent);
-    RunMenuChoice(choice, shown);
+    // Without a reading the affinity entries stand disabled.
+    RunMenu(globalPos, shown);
+}
+
+void ProcessPageActions::SetMenuRunner(MenuRunner runner) {
+    impl_->menuRunner = std::move(runner);
+}
+
+void ProcessPageActions::RunMenu(const QPoint& globalPos, const ProcessMenuContext& context) {
+    const ProcessMenuChoice choice = impl_->menuRunner ? impl_->menuRunner(context, globalPos)
+                                                       : ExecProcessContextMenu(context, globalPos, impl_->dialogParent);
+    RunMenuChoice(choice, context);
 }
 
 void ProcessPageActions::RunMenuChoice(const ProcessMenuChoice& choice, const ProcessMenuContext& context) {
@@ -274,13 +300,19 @@ void ProcessPageActions::RunMenuChoice(const ProcessMenuChoice& choice, const Pr
     }
 }
 
-void ProcessPageActions::ShowProcessDetails(const core::ProcessKey& key) {
+void ProcessPageActions::ShowProcessDetails(const core::ProcessKey& key, const core::ProcessSnapshot* tableRow,
+                                            bool exited) {
     const core::SystemSnapshot* snapshot = impl_->hooks.currentSnapshot ? impl_->hooks.currentSnapshot() : nullptr;
     std::optional<ProcessInspectorInput> input;
     if (snapshot != nullptr) input = FindInSnapshot(*snapshot, key);
     if (!input) {
+        // A row the table keeps after its process left the samples: the inspector shows what it kept.
         input.emplace();
         input->key = key;
+        if (tableRow != nullptr && tableRow->key == key) {
+            input->row = *tableRow;
+            input->exited = exited;
+        }
     }
     ShowProcessDetails(*input);
 }
@@ -298,10 +330,19 @@ void ProcessPageActions::ShowProcessDetails(const ProcessInspectorInput& input) 
     }
     ProcessInspectorDialog::DetailsReader reader;
     if (providers::PlatformServices* services = impl_->environment.services) {
-        reader = [services](const core::ProcessKey& key) { return services->ProcessDetails(key); };
+        reader = [services](const core::ProcessKey& key, std::stop_token stop) {
+            return services->ProcessDetailsUntil(key, std::move(stop));
+        };
     }
     auto* dialog = new ProcessInspectorDialog(input, std::move(reader), impl_->environment.settings,
                                               impl_->environment.settingsChanged, impl_->dialogParent);
+    dialog->SetRowSource([this](const core::ProcessKey& key) -> std::optional<ProcessInspectorInput> {
+        const core::SystemSnapshot* snapshot = impl_->hooks.currentSnapshot ? impl_->hooks.currentSnapshot() : nullptr;
+        return snapshot != nullptr ? FindInSnapshot(*snapshot, key) : std::nullopt;
+    });
+    dialog->SetWorkerKeeper([this](std::shared_ptr<ProcessInspectorState> state, std::jthread worker) {
+        impl_->KeepReader(std::move(state), std::move(worker));
+    });
     dialog->setAttribute(Qt::WA_DeleteOnClose, true);
     impl_->inspectors.emplace_back(dialog);
     dialog->show();
@@ -363,8 +404,9 @@ bool ProcessPageActions::QueueProcessAction(const std::vector<core::ProcessKey>&
 
 bool ProcessPageActions::QueueAffinityChange(const core::ProcessKey& key, int processor) {
     Impl* impl = impl_.get();
+    providers::PlatformServices* services = impl_->environment.services;
     return impl_->Submit(
-        [impl, key, processor](std::stop_token) {
+        [impl, services, key, processor](std::stop_token) {
             const long processors = ConfiguredProcessors();
             QString text;
             std::optional<std::uint64_t> mask;
@@ -373,7 +415,7 @@ bool ProcessPageActions::QueueAffinityChange(const core::ProcessKey& key, int pr
                 if (all != 0) mask = all;
                 else text = Text("Set affinity failed");
             } else {
-                const providers::AffinityReading now = providers::ReadProcessAffinity(providers::ProviderRoots{}, key);
+                const providers::AffinityReading now = services->ReadAffinity(key);
                 if (!now.ok) {
                     text = Words(QString::fromStdString(now.message));
                 } else {
@@ -383,8 +425,7 @@ bool ProcessPageActions::QueueAffinityChange(const core::ProcessKey& key, int pr
                 }
             }
             if (mask) {
-                const providers::AffinityResult result =
-                    providers::SetProcessAffinity(providers::ProviderRoots{}, key, *mask);
+                const providers::AffinityResult result = services->SetAffinity(key, *mask);
                 text = Words(QString::fromStdString(result.message));
             }
             return ProcessActionQueue::Continuation([impl, text] { impl->Completed(text); });
@@ -415,6 +456,8 @@ void ProcessPageActions::Shutdown() {
     // Each inspector joins its own reader as it goes, before the services it reads through can go.
     for (QPointer<ProcessInspectorDialog>& dialog : impl_->inspectors) delete dialog.data();
     impl_->inspectors.clear();
+    // Their readers were asked to stop; they are joined here, before the services can go.
+    impl_->keptReaders.clear();
 }
 
 }  // namespace korv::host::linux_client

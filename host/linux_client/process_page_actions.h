@@ -61,10 +61,16 @@ public:
     void ShowProcessContextMenu(const QPoint& globalPos, const ProcessMenuContext& context);
     // Carries out what was picked in the menu built from `context`.
     void RunMenuChoice(const ProcessMenuChoice& choice, const ProcessMenuContext& context);
+    // What shows the menu and returns the pick; by default the menu itself. Tests put their own.
+    using MenuRunner = std::function<ProcessMenuChoice(const ProcessMenuContext& context, const QPoint& globalPos)>;
+    void SetMenuRunner(MenuRunner runner);
 
     // Opens the inspector on a process of the current snapshot, live or exited; an inspector that is
     // open for the key already comes forward instead.
-    void ShowProcessDetails(const core::ProcessKey& key);
+    // `tableRow` is what the table shows for the key; it stands in when the snapshot no longer holds
+    // the process.
+    void ShowProcessDetails(const core::ProcessKey& key, const core::ProcessSnapshot* tableRow = nullptr,
+                            bool exited = false);
     void ShowProcessDetails(const ProcessInspectorInput& input);
 
     bool ConfirmProcessTermination(const std::vector<core::ProcessSnapshot>& rows, bool force);
@@ -91,6 +97,8 @@ public:
     std::size_t OpenInspectorCount() const;
 
 private:
+    void RunMenu(const QPoint& globalPos, const ProcessMenuContext& context);
+
     struct Impl;
     std::unique_ptr<Impl> impl_;
 };

@@ -390,8 +390,10 @@ void TaskManagerWindow::Impl::ConnectProcessesPage() {
             processActions->TerminateRows(rows, false);
         }
     });
-    processesPage->SetActivateHandler(
-        [this](const core::ProcessKey& key, bool) { processActions->ShowProcessDetails(key); });
+    processesPage->SetActivateHandler([this](const core::ProcessKey& key, bool exited) {
+        ProcessTableModel& model = processesPage->Model();
+        processActions->ShowProcessDetails(key, model.RowSnapshot(model.IndexForKey(key)), exited);
+    });
     QObject::connect(commandBar->FilterBox(), &QLineEdit::textChanged, &window,
                      [this](const QString& text) { processesPage->SetFilterText(text); });
     QObject::connect(commandBar->RunNewTaskButton(), &QPushButton::clicked, &window,

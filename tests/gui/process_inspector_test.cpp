@@ -1,5 +1,6 @@
 #include "host/linux_client/process_environment_widget.h"
 #include "host/linux_client/process_inspector_dialog.h"
+#include "host/linux_client/process_page_actions.h"
 #include "host/linux_client/unit_formats.h"
 #include "process_test_child.h"
 #include "providers/bounded_read.h"
@@ -14,8 +15,12 @@
 #include <QSignalSpy>
 #include <QTest>
 
+#include <chrono>
+#include <condition_variable>
 #include <fcntl.h>
 #include <future>
+#include <mutex>
+#include <thread>
 #include <sys/socket.h>
 
 namespace korv::host::linux_client {
@@ -78,7 +83,9 @@ protected:
     void SetUp() override { services = providers::CreatePlatformServices(); }
 
     ProcessInspectorDialog::DetailsReader RealReader() {
-        return [platform = services.get()](const core::ProcessKey& key) { return platform->ProcessDetails(key); };
+        return [platform = services.get()](const core::ProcessKey& key, std::stop_token stop) {
+            return platform->ProcessDetailsUntil(key, std::move(stop));
+        };
     }
 
     std::unique_ptr<providers::PlatformServices> services;
@@ -158,10 +165,10 @@ TEST_F(ProcessInspectorTest, ASlowReadShowsLoadingUntilItEnds) {
     std::promise<void> gate;
     std::shared_future<void> opened = gate.get_future().share();
     std::atomic<int> reads = 0;
-    auto reader = [opened, &reads, real = RealReader()](const core::ProcessKey& key) {
+    auto reader = [opened, &reads, real = RealReader()](const core::ProcessKey& key, std::stop_token stop) {
         ++reads;
         opened.wait_for(test::kChildPatience);
-        return real(key);
+        return real(key, stop);
     };
     struct Opener {
         std::promise<void>& gate;
@@ -216,7 +223,7 @@ TEST_F(ProcessInspectorTest, UnreadablePartsShowTheirWord) {
     ProcessInspectorInput input;
     input.key = details->key;
 
-    ProcessInspectorDialog dialog(input, [details](const core::ProcessKey&) { return details; }, nullptr, {});
+    ProcessInspectorDialog dialog(input, [details](const core::ProcessKey&, std::stop_token) { return details; }, nullptr, {});
     ASSERT_TRUE(QTest::qWaitFor([&] { return !dialog.IsLoading(); }, kWaitMs));
     EXPECT_EQ(dialog.HeaderText(), QStringLiteral("guarded (77)"));
     EXPECT_EQ(dialog.CommandLineText(), QString());
@@ -239,6 +246,91 @@ TEST_F(ProcessInspectorTest, UnreadablePartsShowTheirWord) {
     EXPECT_EQ(dialog.DescriptorEntries(3), QStringList{QStringLiteral("9\tanon_inode:[eventfd]")});
     EXPECT_EQ(dialog.Environment().UnavailableText(), QString());
     EXPECT_EQ(dialog.Environment().VisibleEntry(1), QStringLiteral("NOVALUE="));
+}
+
+// A read waits on a slow /proc until it is told to stop: a refresh stops it at once, and a dialog
+// that goes hands it to its keeper instead of waiting for it.
+TEST_F(ProcessInspectorTest, ARunningReadIsCancelledAndNeverWaitedForOnTheGuiThread) {
+    std::atomic<int> reads = 0;
+    std::atomic<int> stoppedEarly = 0;
+    std::promise<void> gate;
+    std::shared_future<void> opened = gate.get_future().share();
+    const auto reader = [&reads, &stoppedEarly, opened](const core::ProcessKey&, std::stop_token stop) {
+        ++reads;
+        std::mutex mutex;
+        std::condition_variable_any woken;
+        std::unique_lock lock(mutex);
+        // Either the test opens the gate or the read is told to stop; at most a few seconds.
+        const bool stopped = woken.wait_for(lock, stop, std::chrono::seconds(5), [&] {
+            return opened.wait_for(std::chrono::milliseconds(0)) == std::future_status::ready;
+        }) == false && stop.stop_requested();
+        if (stopped) ++stoppedEarly;
+        return std::shared_ptr<core::ProcessDetails>();
+    };
+    struct Opener {
+        std::promise<void>& gate;
+        ~Opener() { gate.set_value(); }
+    } opener{gate};
+
+    std::vector<std::jthread> kept;
+    auto dialog = std::make_unique<ProcessInspectorDialog>(InputFor({4242, 1}), reader, nullptr, std::function<void()>{});
+    dialog->SetWorkerKeeper([&kept](std::shared_ptr<ProcessInspectorState>, std::jthread worker) {
+        kept.push_back(std::move(worker));
+    });
+    ASSERT_TRUE(QTest::qWaitFor([&] { return reads.load() == 1; }, kWaitMs));
+    dialog->Refresh();
+    ASSERT_TRUE(QTest::qWaitFor([&] { return stoppedEarly.load() == 1; }, 2000)) << "the first read was cancelled";
+    ASSERT_TRUE(QTest::qWaitFor([&] { return reads.load() == 2; }, kWaitMs));
+
+    QElapsedTimer clock;
+    clock.start();
+    dialog.reset();
+    EXPECT_LT(clock.elapsed(), 1000) << "the dialog went without waiting for its reader";
+    EXPECT_FALSE(kept.empty()) << "the keeper has the reader that was still running";
+    ASSERT_TRUE(QTest::qWaitFor([&] { return stoppedEarly.load() == 2; }, 2000)) << "and it was told to stop";
+    kept.clear();
+}
+
+// "Refresh" shows the summary of the latest sample, not the one the dialog opened with.
+TEST_F(ProcessInspectorTest, RefreshShowsTheLatestSummary) {
+    ProcessInspectorInput input = InputFor({4242, 1});
+    ProcessInspectorDialog dialog(input, [](const core::ProcessKey&, std::stop_token) { return nullptr; }, nullptr, {});
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !dialog.IsLoading(); }, kWaitMs));
+    EXPECT_EQ(dialog.SummaryValue(QStringLiteral("CPU")), FormatPercent(1.5));
+    dialog.SetRowSource([](const core::ProcessKey& key) -> std::optional<ProcessInspectorInput> {
+        ProcessInspectorInput latest = InputFor(key);
+        latest.row->cpuPercent.Set(42.0);
+        latest.row->threadCount.Set(9);
+        latest.row->state = core::ProcessState::running;
+        return latest;
+    });
+    dialog.Refresh();
+    EXPECT_EQ(dialog.SummaryValue(QStringLiteral("CPU")), FormatPercent(42.0));
+    EXPECT_EQ(dialog.SummaryValue(QStringLiteral("Threads")), QStringLiteral("9"));
+    EXPECT_EQ(dialog.SummaryValue(QStringLiteral("Status")), QStringLiteral("Running"));
+}
+
+// A row the table keeps after its process left the samples opens with what the table kept, not empty.
+TEST_F(ProcessInspectorTest, AnExitedRowTheSampleNoLongerHoldsOpensWithWhatTheTableKept) {
+    PageEnvironment environment;
+    environment.services = services.get();
+    ProcessPageActions actions(environment, nullptr);
+    auto snapshot = std::make_shared<core::SystemSnapshot>();  // knows nothing of the process
+    ProcessPageHooks hooks;
+    hooks.currentSnapshot = [snapshot] { return snapshot.get(); };
+    actions.SetPageHooks(hooks);
+    const ProcessInspectorInput kept = InputFor({4243, 5});
+    actions.ShowProcessDetails(kept.key, &*kept.row, true);
+    ASSERT_EQ(actions.OpenInspectorCount(), 1U);
+    ProcessInspectorDialog* dialog = nullptr;
+    for (QWidget* widget : QApplication::topLevelWidgets()) {
+        if (auto* found = qobject_cast<ProcessInspectorDialog*>(widget); found && found->Key() == kept.key) dialog = found;
+    }
+    ASSERT_NE(dialog, nullptr);
+    EXPECT_EQ(dialog->HeaderText(), QStringLiteral("sleep (4243)"));
+    EXPECT_EQ(dialog->SummaryValue(QStringLiteral("Status")), QStringLiteral("Exited"));
+    EXPECT_EQ(dialog->SummaryValue(QStringLiteral("CPU")), FormatPercent(1.5));
+    actions.Shutdown();
 }
 
 TEST_F(ProcessInspectorTest, TheSizeIsKeptInTheSettings) {
