@@ -11,6 +11,7 @@
 #include <filesystem>
 #include <fstream>
 #include <grp.h>
+#include <stop_token>
 #include <string>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -213,6 +214,15 @@ TEST(ProcessDetailsLiveTest, ReadsArgumentsEnvironmentAndDescriptorsOfAChild) {
     EXPECT_EQ(ReadProcessDetails(ProviderRoots{}, {child.key.pid, child.key.startTime + 1}), nullptr);
     child.Stop();
     EXPECT_EQ(ReadProcessDetails(ProviderRoots{}, child.key), nullptr) << "the process has exited";
+}
+
+TEST(ProcessDetailsLiveTest, AReadThatIsToldToStopGivesNothing) {
+    SleepingChild child;
+    ASSERT_GT(child.pid, 0);
+    std::stop_source source;
+    ASSERT_NE(ReadProcessDetails(ProviderRoots{}, child.key, source.get_token()), nullptr);
+    source.request_stop();
+    EXPECT_EQ(ReadProcessDetails(ProviderRoots{}, child.key, source.get_token()), nullptr);
 }
 
 TEST(ProcessDetailsLiveTest, AnotherUsersEnvironmentIsAccessDenied) {
