@@ -219,6 +219,20 @@ void PerformancePage::Impl::BuildContextMenu() {
     UpdateContextMenu();
 }
 
+void PerformancePage::FillWindowMenu(QMenu& menu) {
+    Impl& d = *impl_;
+    int place = 0;
+    for (QAction* action : {d.overallAction, d.logicalAction, d.enginesAction, d.kernelAction, d.copyAction}) {
+        action->setShortcut(QKeySequence(Qt::CTRL | Qt::ALT | static_cast<Qt::Key>(Qt::Key_1 + place++)));
+        action->setShortcutContext(Qt::WindowShortcut);
+    }
+    menu.addActions(d.changeGraphMenu->actions());
+    menu.addSeparator();
+    menu.addAction(d.kernelAction);
+    menu.addAction(d.copyAction);
+    QObject::connect(&menu, &QMenu::aboutToShow, this, [this] { impl_->UpdateContextMenu(); });
+}
+
 void PerformancePage::Impl::UpdateContextMenu() {
     const bool cpu = !selectedId.isEmpty() && selectedKind == core::DeviceKind::cpu;
     const bool gpu = !selectedId.isEmpty() && selectedKind == core::DeviceKind::gpu;

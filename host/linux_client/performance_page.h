@@ -8,6 +8,8 @@
 
 #include <memory>
 
+class QMenu;
+
 namespace korv::host::linux_client {
 
 // The Performance page: the machine's devices in a list at the left, each with a small history
@@ -30,6 +32,9 @@ public:
     // "battery"; empty while no device is chosen.
     QString SelectedRowId() const;
     QStringList DeviceRowTitles() const;
+    // Puts the page's own entries (the graph kinds, kernel times, Copy) into the window's menu, with
+    // Ctrl+Alt+<n> on each; they act on the chosen device as the graph's context menu does.
+    void FillWindowMenu(QMenu& menu);
 
 protected:
     void changeEvent(QEvent* event) override;

@@ -28,8 +28,9 @@ enum class ProcessQueueStatus { accepted, busy, unavailable };
 // so that its continuations run in the GUI thread's event loop.
 class ProcessActionQueue final : public QObject {
 public:
-    // Queued entries plus the one running: a further request is refused as busy.
-    static constexpr std::size_t kMaxPending = 8;
+    // Queued entries plus the one running: a further request is refused as busy. A queue kept this
+    // short means an action never waits behind a long backlog the user has forgotten.
+    static constexpr std::size_t kMaxPending = 3;
 
     using Continuation = std::function<void()>;                   // GUI thread
     using Work = std::function<Continuation(std::stop_token)>;    // worker thread

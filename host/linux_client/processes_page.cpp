@@ -35,7 +35,6 @@ struct PageSettings {
     bool smoothCpu = true;
     bool showExited = true;
     bool showMemoryPercent = false;
-    bool perCoreCpu = false;
     bool showSelf = false;
     std::uint32_t frameRate = 60;
 };
@@ -47,7 +46,6 @@ PageSettings ReadPageSettings(const core::Settings* settings) {
     read.smoothCpu = core::ReadBoolPreference(*settings, core::kSmoothProcessCpu);
     read.showExited = core::ReadBoolPreference(*settings, core::kShowExitedProcesses);
     read.showMemoryPercent = core::ReadBoolPreference(*settings, kShowMemoryPercentKey, false);
-    read.perCoreCpu = settings->perCoreCpuStatistics;
     read.showSelf = settings->showSelfInReports;
     read.frameRate = settings->visualFrameRate;
     return read;
@@ -99,6 +97,7 @@ struct ProcessesPage::Impl {
     QTimer* glowTimer;
 
     PageSettings settings;
+    double cpuScale = 1.0;
     std::set<ProcessKey> collapsedKeys;
     std::shared_ptr<const core::SystemSnapshot> current;
     VanishedProcessTracker vanished;
@@ -147,7 +146,7 @@ QModelIndex ProcessesPage::Impl::ProxyIndexForKey(const ProcessKey& key, int col
 }
 
 void ProcessesPage::Impl::ApplySettings(const PageSettings& next, bool first) {
-    if (first || next.smoothCpu != settings.smoothCpu || next.perCoreCpu != settings.perCoreCpu) {
+    if (first || next.smoothCpu != settings.smoothCpu) {
         // Readings of another scale must not blend into the new ones.
         model->SetSmoothCpu(next.smoothCpu);
     }
@@ -386,6 +385,12 @@ void ProcessesPage::SettingsChanged() {
     } else {
         d_->UpdateGlowTimer();
     }
+}
+
+void ProcessesPage::SetCpuScale(double scale) {
+    if (scale == d_->cpuScale) return;
+    d_->cpuScale = scale;
+    d_->model->SetSmoothCpu(d_->settings.smoothCpu);
 }
 
 ProcessTableModel& ProcessesPage::Model() {

@@ -31,9 +31,11 @@ public:
 
     void ApplySnapshot(const std::shared_ptr<const core::SystemSnapshot>& snapshot) override;
     // Reads processTreeEnabled, smoothProcessCPU, showExitedProcesses, showMemoryPercent,
-    // visualFrameRate, perCoreCpuStatistics and showSelfInReports again, and shows the last
-    // snapshot anew when the rows' shape depends on a change.
+    // visualFrameRate and showSelfInReports again, and shows the last snapshot anew when the rows'
+    // shape depends on a change.
     void SettingsChanged() override;
+    // The window scales CPU figures for per-core statistics; smoothing starts afresh at a new scale.
+    void SetCpuScale(double scale);
 
     ProcessTableModel& Model();
     ProcessFilterProxyModel& Proxy();

@@ -23,6 +23,7 @@
 #include "host/linux_client/summary_page.h"
 #include "host/linux_client/system_info_page.h"
 #include "host/linux_client/unit_formats.h"
+#include "host/linux_client/uptime_odometer_widget.h"
 #include "host/linux_client/settings_saver.h"
 #include "host/linux_client/smoke_run.h"
 #include "host/linux_client/snapshot_mailbox.h"
@@ -101,6 +102,10 @@ struct TaskManagerWindow::Impl {
     QWidget* CreatePage(int stackIndex, QWidget* parent);
     PageEnvironment MakePageEnvironment();
     void OnSettingsChanged();
+    void ApplyLiveSettings();
+    void SetCpuScaleFrom(const std::shared_ptr<const core::SystemSnapshot>& snapshot);
+    ApplyPlan PlanNow() const;
+    void FeedVisiblePages(const std::shared_ptr<const core::SystemSnapshot>& snapshot);
     void FeedPage(SnapshotPage* page, bool shouldFeed, const std::shared_ptr<const core::SystemSnapshot>& snapshot);
     void ConnectShell();
     void BuildProcessViewMenu(QMenu& menu);
@@ -164,6 +169,10 @@ struct TaskManagerWindow::Impl {
     std::shared_ptr<const core::SystemSnapshot> displaySnapshot;
     double cpuScale = 1.0;
     bool perCoreCpu = false;
+    // What the window and the engine run with now, so that a settings change applies only what moved.
+    core::UpdateSpeed appliedUpdateSpeed = core::UpdateSpeed::medium;
+    std::string appliedFont;
+    bool appliedOnTop = false;
     std::uint64_t lastGeneration = 0;
     std::uint64_t deliveredCount = 0;
     std::uint64_t lastMonotonicNs = 0;
@@ -218,6 +227,11 @@ void TaskManagerWindow::Impl::BuildShell() {
     menus.combinedDisks->setChecked(core::ReadBoolPreference(settings, core::kCombinedDisks));
     menus.combinedNetwork->setChecked(core::ReadBoolPreference(settings, core::kCombinedNetwork));
     menus.combinedGpus->setChecked(core::ReadBoolPreference(settings, core::kCombinedGpus));
+
+    performancePage->FillWindowMenu(*menus.performanceMenu);
+    menus.performanceMenu->setEnabled(true);
+    QObject::connect(menus.performanceMenu, &QMenu::triggered, &window,
+                     [this] { SelectStackIndex(kPerformanceStackIndex); });
 
     processActions = std::make_unique<ProcessPageActions>(MakePageEnvironment(), &window);
     menus.runNewTask->setEnabled(true);
@@ -278,6 +292,7 @@ void TaskManagerWindow::Impl::OnSettingsChanged() {
     }
     theme = settings.theme;
     ApplyThemeAndTint();
+    ApplyLiveSettings();
     for (SnapshotPage* page : snapshotPages) {
         page->SettingsChanged();
     }
@@ -285,6 +300,55 @@ void TaskManagerWindow::Impl::OnSettingsChanged() {
         settingsDialog->Form()->Reload();
     }
     SaveSettingsSoon();
+}
+
+// The settings that act on the window and the engine rather than on one page, applied as they change.
+void TaskManagerWindow::Impl::ApplyLiveSettings() {
+    if (engine != nullptr && settings.updateSpeed != appliedUpdateSpeed) {
+        const bool wasPaused = appliedUpdateSpeed == core::UpdateSpeed::paused;
+        engine->SetCadence(static_cast<core::Cadence>(settings.updateSpeed));
+        if (wasPaused) engine->RequestSample();  // the first reading at the new speed comes now
+    }
+    appliedUpdateSpeed = settings.updateSpeed;
+
+    if (settings.applicationFont != appliedFont) {
+        appliedFont = settings.applicationFont;
+        if (ApplyApplicationFont(QString::fromStdString(appliedFont))) {
+            // The window holds the font it was given at start; the toolkit does not pass a new one on,
+            // and styled children keep the font worked out when they were polished until re-polished.
+            window.setFont(QApplication::font());
+            const QString sheet = window.styleSheet();
+            window.setStyleSheet(QString());
+            window.setStyleSheet(sheet);
+        }
+    }
+
+    if (settings.alwaysOnTop != appliedOnTop) {
+        appliedOnTop = settings.alwaysOnTop;
+        const bool shown = window.isVisible();
+        window.setWindowFlag(Qt::WindowStaysOnTopHint, appliedOnTop);
+        if (shown) window.show();  // changing a window flag hides the window
+    }
+
+    if (perCoreCpu != settings.perCoreCpuStatistics) {
+        perCoreCpu = settings.perCoreCpuStatistics;
+        if (currentSnapshot != nullptr && !closing && !applying) {
+            // The process table shows the new scale now; the summary's averages take it from the
+            // next sample rather than counting the last one twice.
+            SetCpuScaleFrom(currentSnapshot);
+            FeedPage(processesPage, PlanNow().summaryAndProcesses, displaySnapshot);
+        }
+    }
+}
+
+void TaskManagerWindow::Impl::SetCpuScaleFrom(const std::shared_ptr<const core::SystemSnapshot>& snapshot) {
+    const double scale = CpuScaleFor(*snapshot, perCoreCpu);
+    displaySnapshot = MakeDisplaySnapshot(snapshot, scale);
+    if (scale != cpuScale) {
+        cpuScale = scale;
+        // Readings of another scale must not blend into the new ones.
+        if (processesPage != nullptr) processesPage->SetCpuScale(scale);
+    }
 }
 
 void TaskManagerWindow::Impl::FeedPage(SnapshotPage* page, bool shouldFeed,
@@ -578,9 +642,7 @@ void TaskManagerWindow::Impl::Deliver() {
     }
     currentSnapshot = snapshot;
     lastGeneration = snapshot->generation;
-    // A changed scale is also what the Processes page is told after the apply, once it exists.
-    cpuScale = CpuScaleFor(*snapshot, perCoreCpu);
-    displaySnapshot = MakeDisplaySnapshot(snapshot, cpuScale);
+    SetCpuScaleFrom(snapshot);
     ApplySnapshot(displaySnapshot);
     if (refreshKeyHeld && engine != nullptr) {
         engine->RequestSample();
@@ -589,24 +651,15 @@ void TaskManagerWindow::Impl::Deliver() {
 
 void TaskManagerWindow::Impl::ApplySnapshot(const std::shared_ptr<const core::SystemSnapshot>& snapshot) {
     applying = true;
-    // 1. Uptime and the monotonic time; the odometer that shows the uptime belongs to a later page.
+    // 1. Uptime and the monotonic time. The odometer keeps counting while its page is away, so it
+    // shows the right time, not a roll through every missed second, when the page opens.
+    if (summaryPage != nullptr) summaryPage->Odometer()->SetUptimeSeconds(snapshot->uptimeNs / 1'000'000'000ULL);
     lastMonotonicNs = snapshot->monotonicNs;
     // 2. History behind every graph, for all pages whether they can be seen or not.
     history.Append(*snapshot);
     // 3. The popout, tray gadgets and recorders would be fed here; they work while hidden too.
-    // 4. to 7. and 9.: pages, each only when it can be seen. The shell's pages show only their
-    // titles so far and take no snapshot; the plan records who would have been fed.
-    ApplyContext context;
-    context.smokeMode = options.enabled;
-    context.windowShown = window.isVisible();
-    context.windowMinimized = window.isMinimized();
-    context.currentStackIndex = stack->currentIndex();
-    lastPlan = PlanSnapshotApply(context);
-    FeedPage(summaryPage, lastPlan.summaryAndProcesses, snapshot);
-    FeedPage(processesPage, lastPlan.summaryAndProcesses, snapshot);
-    FeedPage(performancePage, lastPlan.performance, snapshot);
-    FeedPage(systemInfoPage, lastPlan.systemInfo, snapshot);
-    FeedPage(powerFreqPage, lastPlan.powerAndFreq, snapshot);
+    // 4. to 7. and 9.: pages, each only when it can be seen.
+    FeedVisiblePages(snapshot);
     // 8. The status bar.
     statusBar->ShowSnapshot(*snapshot);
     ++deliveredCount;
@@ -624,6 +677,26 @@ void TaskManagerWindow::Impl::ApplySnapshot(const std::shared_ptr<const core::Sy
         std::fflush(stdout);
         QCoreApplication::exit(0);
     }
+}
+
+// The shell's pages that have no page of their own yet take no snapshot; the plan records who
+// would have been fed.
+ApplyPlan TaskManagerWindow::Impl::PlanNow() const {
+    ApplyContext context;
+    context.smokeMode = options.enabled;
+    context.windowShown = window.isVisible();
+    context.windowMinimized = window.isMinimized();
+    context.currentStackIndex = stack->currentIndex();
+    return PlanSnapshotApply(context);
+}
+
+void TaskManagerWindow::Impl::FeedVisiblePages(const std::shared_ptr<const core::SystemSnapshot>& snapshot) {
+    lastPlan = PlanNow();
+    FeedPage(summaryPage, lastPlan.summaryAndProcesses, snapshot);
+    FeedPage(processesPage, lastPlan.summaryAndProcesses, snapshot);
+    FeedPage(performancePage, lastPlan.performance, snapshot);
+    FeedPage(systemInfoPage, lastPlan.systemInfo, snapshot);
+    FeedPage(powerFreqPage, lastPlan.powerAndFreq, snapshot);
 }
 
 void TaskManagerWindow::Impl::SaveSettingsSoon() {
@@ -687,11 +760,14 @@ TaskManagerWindow::TaskManagerWindow(SmokeOptions options, core::SettingsLoadRes
     d.mailbox = std::make_unique<SnapshotMailbox>(this);
     d.saver = std::make_unique<SettingsSaver>(SettingsFileSystemPath());
     d.perCoreCpu = d.settings.perCoreCpuStatistics;
-
-    if (ApplyApplicationFont(QString::fromStdString(d.settings.applicationFont))) {
+    d.appliedUpdateSpeed = d.settings.updateSpeed;
+    d.appliedFont = d.settings.applicationFont;
+    if (ApplyApplicationFont(QString::fromStdString(d.appliedFont))) {
         // This window existed before the font changed, and the toolkit only tells running windows.
         setFont(QApplication::font());
     }
+    d.appliedOnTop = d.settings.alwaysOnTop;
+    setWindowFlag(Qt::WindowStaysOnTopHint, d.appliedOnTop);
     // The pages and the process actions are lent the services, so these come first.
     d.CreateServices(factory);
     d.BuildShell();
@@ -801,6 +877,17 @@ const HistoryStore& TaskManagerWindow::History() const {
 
 const core::Settings& TaskManagerWindow::CurrentSettings() const {
     return impl_->settings;
+}
+
+void TaskManagerWindow::changeEvent(QEvent* event) {
+    QMainWindow::changeEvent(event);
+    if (event->type() == QEvent::WindowStateChange && isMinimized() && impl_->settings.hideWhenMinimized &&
+        !impl_->options.enabled) {
+        // Out of the task bar too; a second start of the program brings the window back.
+        QTimer::singleShot(0, this, [this] {
+            if (isMinimized()) hide();
+        });
+    }
 }
 
 bool TaskManagerWindow::event(QEvent* event) {

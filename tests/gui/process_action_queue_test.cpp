@@ -233,33 +233,30 @@ TEST_F(ProcessPageActionsTest, RequestsThatCannotBeQueuedAreRefusedInTheStatusLi
     EXPECT_TRUE(stat->state == 'S' || stat->state == 'R') << stat->state;
 }
 
-TEST_F(ProcessPageActionsTest, TheNinthRequestIsRefusedAndNoneOfTheFirstEightIsLost) {
+TEST_F(ProcessPageActionsTest, TheFourthRequestIsRefusedAndNoneOfTheFirstThreeIsLost) {
     GatedServices gated;
     auto actions = MakeActions(&gated);
     const GateOpener opener{gated.Gate()};
     std::vector<std::unique_ptr<TestChild>> children;
-    for (std::size_t i = 0; i < ProcessActionQueue::kMaxPending + 1; ++i) {
+    for (int i = 0; i < 4; ++i) {
         children.push_back(std::make_unique<TestChild>());
         ASSERT_TRUE(children.back()->Started());
     }
 
     ASSERT_TRUE(actions->QueueProcessAction({children[0]->Key()}, QStringLiteral("Terminate")));
-    ASSERT_TRUE(gated.Gate().WaitUntilEntered(1)) << "the worker holds the first batch";
-    for (std::size_t i = 1; i < ProcessActionQueue::kMaxPending; ++i) {
-        ASSERT_TRUE(actions->QueueProcessAction({children[i]->Key()}, QStringLiteral("Terminate"))) << i;
-    }
-    EXPECT_EQ(actions->PendingActionCount(), ProcessActionQueue::kMaxPending);
-    EXPECT_FALSE(actions->QueueProcessAction({children.back()->Key()}, QStringLiteral("Terminate")));
+    ASSERT_TRUE(gated.Gate().WaitUntilEntered(1)) << "the worker holds the first request";
+    ASSERT_TRUE(actions->QueueProcessAction({children[1]->Key()}, QStringLiteral("Terminate")));
+    ASSERT_TRUE(actions->QueueProcessAction({children[2]->Key()}, QStringLiteral("Terminate")));
+    EXPECT_EQ(actions->PendingActionCount(), 3u);
+    EXPECT_FALSE(actions->QueueProcessAction({children[3]->Key()}, QStringLiteral("Terminate")));
     ASSERT_EQ(statuses.size(), 1);
     EXPECT_EQ(statuses.front(), QStringLiteral("Process action queue is busy"));
 
     gated.Gate().Open();
-    ASSERT_TRUE(WaitForStatuses(1 + static_cast<qsizetype>(ProcessActionQueue::kMaxPending)));
+    ASSERT_TRUE(WaitForStatuses(4));
     for (qsizetype i = 1; i < statuses.size(); ++i) EXPECT_EQ(statuses[i], QStringLiteral("Terminate succeeded"));
-    for (std::size_t i = 0; i < ProcessActionQueue::kMaxPending; ++i) {
-        EXPECT_EQ(children[i]->WaitForTerminatingSignal(), SIGTERM) << i;
-    }
-    EXPECT_EQ(samplesRequested, static_cast<int>(ProcessActionQueue::kMaxPending));
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(children[static_cast<std::size_t>(i)]->WaitForTerminatingSignal(), SIGTERM) << i;
+    EXPECT_EQ(samplesRequested, 3);
     EXPECT_EQ(children.back()->Stat()->state, 'S') << "the refused request never ran";
 }
 
