@@ -137,18 +137,6 @@ std::uint64_t DropDuplicateRows(std::vector<Record>& records, KeyOf keyOf) {
     return dropped;
 }
 
-bool FrameMetricSound(const TelemetryMetric& metric) noexcept {
-    if (metric.numericValue && metric.textValue) return false;
-    const bool hasValue = metric.numericValue.has_value() || metric.textValue.has_value();
-    if (hasValue != CarriesValue(metric.availability)) return false;
-    if (metric.numericValue && !std::isfinite(*metric.numericValue)) return false;
-    if (metric.availability == MetricAvailability::zero) {
-        if (metric.numericValue && *metric.numericValue != 0.0) return false;
-        if (metric.textValue && !metric.textValue->empty()) return false;
-    }
-    return true;
-}
-
 bool PercentOutOfRange(const TelemetryMetric& metric) noexcept {
     return metric.unit == MetricUnit::percent && metric.numericValue && std::isfinite(*metric.numericValue) &&
            (*metric.numericValue < 0.0 || *metric.numericValue > 100.0);
@@ -183,7 +171,7 @@ void RepairFrame(HardwareTelemetryFrame& frame, RepairCounts& counts) {
             metric.numericValue = std::clamp(*metric.numericValue, 0.0, 100.0);
             ++counts.percentagesClamped;
         }
-        if (FrameMetricSound(metric)) continue;
+        if (IsSoundMetric(metric)) continue;
         metric.availability = MetricAvailability::transientError;
         metric.numericValue.reset();
         metric.textValue.reset();

@@ -95,6 +95,18 @@ void MergeTelemetryFrame(HardwareTelemetryFrame& into, HardwareTelemetryFrame fr
     }
 }
 
+bool IsSoundMetric(const TelemetryMetric& metric) noexcept {
+    if (metric.numericValue && metric.textValue) return false;
+    const bool hasValue = metric.numericValue.has_value() || metric.textValue.has_value();
+    if (hasValue != CarriesValue(metric.availability)) return false;
+    if (metric.numericValue && !std::isfinite(*metric.numericValue)) return false;
+    if (metric.availability == MetricAvailability::zero) {
+        if (metric.numericValue && *metric.numericValue != 0.0) return false;
+        if (metric.textValue && !metric.textValue->empty()) return false;
+    }
+    return true;
+}
+
 bool IsValid(const HardwareTelemetryFrame& frame) {
     std::unordered_set<std::string_view> deviceIds;
     deviceIds.reserve(frame.devices.size());
@@ -105,14 +117,7 @@ bool IsValid(const HardwareTelemetryFrame& frame) {
     for (const auto& metric : frame.metrics) {
         if (metric.id.empty() || !deviceIds.contains(metric.deviceId)) return false;
         if (!metricIds.emplace(metric.deviceId, metric.id).second) return false;
-        const bool hasValue = metric.numericValue.has_value() || metric.textValue.has_value();
-        if (metric.numericValue && metric.textValue) return false;
-        if (hasValue != CarriesValue(metric.availability)) return false;
-        if (metric.numericValue && !std::isfinite(*metric.numericValue)) return false;
-        if (metric.availability == MetricAvailability::zero) {
-            if (metric.numericValue && *metric.numericValue != 0.0) return false;
-            if (metric.textValue && !metric.textValue->empty()) return false;
-        }
+        if (!IsSoundMetric(metric)) return false;
     }
     return true;
 }

@@ -86,6 +86,8 @@ void MergeTelemetryFrame(HardwareTelemetryFrame& into, HardwareTelemetryFrame fr
 // A frame is valid by itself when device ids are non-empty and unique, every metric names a listed
 // device, no device carries the same metric id twice, and each metric holds a value exactly when its
 // availability carries one (numbers finite, at most one of number and text).
+// One value at most, present exactly when the availability carries one, finite, and empty for zero.
+bool IsSoundMetric(const TelemetryMetric& metric) noexcept;
 bool IsValid(const HardwareTelemetryFrame& frame);
 
 }  // namespace korv::core

@@ -20,6 +20,7 @@
 namespace korv::host::linux_client {
 namespace {
 
+using test::AffinityOf;
 using test::TestChild;
 
 constexpr int kWaitMs = 30000;
@@ -276,17 +277,6 @@ TEST_F(ProcessPageActionsTest, AResultThatArrivesAfterShutdownIsDropped) {
     QCoreApplication::processEvents();
     EXPECT_TRUE(statuses.isEmpty());
     EXPECT_EQ(samplesRequested, 0);
-}
-
-std::uint64_t AffinityOf(pid_t pid) {
-    cpu_set_t set;
-    CPU_ZERO(&set);
-    if (::sched_getaffinity(pid, sizeof(set), &set) != 0) return 0;
-    std::uint64_t mask = 0;
-    for (int cpu = 0; cpu < 64; ++cpu) {
-        if (CPU_ISSET(cpu, &set)) mask |= std::uint64_t{1} << cpu;
-    }
-    return mask;
 }
 
 TEST_F(ProcessPageActionsTest, AffinityClicksChangeTheChildsMask) {

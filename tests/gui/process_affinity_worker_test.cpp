@@ -18,6 +18,7 @@
 namespace korv::host::linux_client {
 namespace {
 
+using test::AffinityOf;
 using test::TestChild;
 
 constexpr int kWaitMs = 30000;
@@ -62,17 +63,6 @@ private:
     std::vector<std::thread::id> reads_;
     std::vector<std::thread::id> sets_;
 };
-
-std::uint64_t AffinityOf(pid_t pid) {
-    cpu_set_t set;
-    CPU_ZERO(&set);
-    if (::sched_getaffinity(pid, sizeof(set), &set) != 0) return 0;
-    std::uint64_t mask = 0;
-    for (int cpu = 0; cpu < 64; ++cpu) {
-        if (CPU_ISSET(cpu, &set)) mask |= std::uint64_t{1} << cpu;
-    }
-    return mask;
-}
 
 // Opening the menu reads the threads' masks on the action worker, and the click sets the new mask
 // through the services on that worker too; the GUI thread touches neither.

@@ -6,6 +6,8 @@
 #include <chrono>
 #include <csignal>
 #include <optional>
+#include <sched.h>
+#include <cstdint>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -15,6 +17,18 @@
 namespace korv::test {
 
 inline constexpr auto kChildPatience = std::chrono::seconds(30);
+
+// The first 64 processors of a process's affinity mask as bits; 0 when it cannot be read.
+inline std::uint64_t AffinityOf(pid_t pid) {
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    if (::sched_getaffinity(pid, sizeof(set), &set) != 0) return 0;
+    std::uint64_t mask = 0;
+    for (int cpu = 0; cpu < 64; ++cpu) {
+        if (CPU_ISSET(cpu, &set)) mask |= std::uint64_t{1} << cpu;
+    }
+    return mask;
+}
 
 // A forked child that the test owns: it waits for signals (or runs `exec` when given) and dies
 // with the test process. The destructor kills and reaps it.
