@@ -169,10 +169,6 @@ struct TaskManagerWindow::Impl {
     std::shared_ptr<const core::SystemSnapshot> displaySnapshot;
     double cpuScale = 1.0;
     bool perCoreCpu = false;
-    // What the window and the engine run with now, so that a settings change applies only what moved.
-    core::UpdateSpeed appliedUpdateSpeed = core::UpdateSpeed::medium;
-    std::string appliedFont;
-    bool appliedOnTop = false;
     std::uint64_t lastGeneration = 0;
     std::uint64_t deliveredCount = 0;
     std::uint64_t lastMonotonicNs = 0;
@@ -304,16 +300,17 @@ void TaskManagerWindow::Impl::OnSettingsChanged() {
 
 // The settings that act on the window and the engine rather than on one page, applied as they change.
 void TaskManagerWindow::Impl::ApplyLiveSettings() {
-    if (engine != nullptr && settings.updateSpeed != appliedUpdateSpeed) {
-        const bool wasPaused = appliedUpdateSpeed == core::UpdateSpeed::paused;
-        engine->SetCadence(static_cast<core::Cadence>(settings.updateSpeed));
+    // Each is compared with what the engine or the window runs with now, so only what moved is applied.
+    const auto cadence = static_cast<core::Cadence>(settings.updateSpeed);
+    if (engine != nullptr && cadence != engine->CurrentCadence()) {
+        const bool wasPaused = engine->CurrentCadence() == core::Cadence::paused;
+        engine->SetCadence(cadence);
         if (wasPaused) engine->RequestSample();  // the first reading at the new speed comes now
     }
-    appliedUpdateSpeed = settings.updateSpeed;
 
-    if (settings.applicationFont != appliedFont) {
-        appliedFont = settings.applicationFont;
-        if (ApplyApplicationFont(QString::fromStdString(appliedFont))) {
+    const QString family = QString::fromStdString(settings.applicationFont);
+    if (family != QApplication::font().family()) {
+        if (ApplyApplicationFont(family)) {
             // The window holds the font it was given at start; the toolkit does not pass a new one on,
             // and styled children keep the font worked out when they were polished until re-polished.
             window.setFont(QApplication::font());
@@ -323,10 +320,9 @@ void TaskManagerWindow::Impl::ApplyLiveSettings() {
         }
     }
 
-    if (settings.alwaysOnTop != appliedOnTop) {
-        appliedOnTop = settings.alwaysOnTop;
+    if (settings.alwaysOnTop != window.windowFlags().testFlag(Qt::WindowStaysOnTopHint)) {
         const bool shown = window.isVisible();
-        window.setWindowFlag(Qt::WindowStaysOnTopHint, appliedOnTop);
+        window.setWindowFlag(Qt::WindowStaysOnTopHint, settings.alwaysOnTop);
         if (shown) window.show();  // changing a window flag hides the window
     }
 
@@ -760,14 +756,11 @@ TaskManagerWindow::TaskManagerWindow(SmokeOptions options, core::SettingsLoadRes
     d.mailbox = std::make_unique<SnapshotMailbox>(this);
     d.saver = std::make_unique<SettingsSaver>(SettingsFileSystemPath());
     d.perCoreCpu = d.settings.perCoreCpuStatistics;
-    d.appliedUpdateSpeed = d.settings.updateSpeed;
-    d.appliedFont = d.settings.applicationFont;
-    if (ApplyApplicationFont(QString::fromStdString(d.appliedFont))) {
+    if (ApplyApplicationFont(QString::fromStdString(d.settings.applicationFont))) {
         // This window existed before the font changed, and the toolkit only tells running windows.
         setFont(QApplication::font());
     }
-    d.appliedOnTop = d.settings.alwaysOnTop;
-    setWindowFlag(Qt::WindowStaysOnTopHint, d.appliedOnTop);
+    setWindowFlag(Qt::WindowStaysOnTopHint, d.settings.alwaysOnTop);
     // The pages and the process actions are lent the services, so these come first.
     d.CreateServices(factory);
     d.BuildShell();
